@@ -1,0 +1,18 @@
+# Compiler options that hold for every target of the project.
+
+add_compile_options(
+  -Wall -Wextra -Wpedantic -Werror -Wshadow -Wconversion -Wformat=2 -Wundef
+  $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+  $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+  $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
+  $<$<COMPILE_LANGUAGE:CXX>:-Wextra-semi>
+  -fno-omit-frame-pointer)
+
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
+endif()
+
+if(ORRERY_SANITIZE)
+  add_compile_options(-fsanitize=${ORRERY_SANITIZE} -fno-sanitize-recover=all -O1)
+  add_link_options(-fsanitize=${ORRERY_SANITIZE})
+endif()

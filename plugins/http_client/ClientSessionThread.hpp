@@ -1,0 +1,73 @@
+// One worker of the transport's fixed pool: a thread with one persistent HTTP session.
+//
+// The worker takes requests from the transport's queue, performs each on its session, and hands back
+// exactly one answer for each. Everything below run() happens on the worker's own thread, except the
+// constructor, which opens the first session on the host's control thread.
+//
+// The member functions stand in the files of this folder, one for each step of a request's way:
+//   ClientSessionThread.cpp  the loop
+//   SessionSetup.cpp         opening and resetting the session
+//   RequestReading.cpp       message -> request record, or a refusal
+//   Exchange.cpp             record -> HTTP exchange, with its one retry
+//   RequestHeaders.cpp       cookies, credentials, default and user headers
+//   ContentEncoding.cpp      the body, framed and coded (FormBody.cpp: forms)
+//   ResponseReading.cpp      the response's body, decoded and limited
+//   Redirects.cpp            following a Location
+//   ResponseDelivery.cpp     the answer, or the error, towards the host
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <istream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <Poco/Net/HTTPRequest.h>
+#include <Poco/Net/HTTPResponse.h>
+
+#include "connectivity/data_t.hpp"
+#include "orrery/SchedulableQueue.hpp"
+#include "orrery/Thread.hpp"
+#include "plugins/http_client/HTTPClient.hpp"
+#include "plugins/http_client/MediaTypes.hpp"
+#include "plugins/http_client/PersistentSession.hpp"
+
+namespace connectivity::plugins {
+
+class HTTPClient::ClientSessionThread final : public orrery::Thread {
+ public:
+  struct request;
+  class ContentEncoding;
+
+  // Opens the session; its failure is the constructor's.
+  ClientSessionThread(HTTPClient& owner, unsigned index);
+  ~ClientSessionThread() override;
+
+  unsigned workerIndex() const noexcept { return index; }
+  // The queue in which the host wants this worker's requests counted; null until the first batch.
+  std::atomic<orrery::SchedulableQueue*> schedulableQueue{nullptr};
+
+ protected:
+  void run() override;
+
+ private:
+  friend class ContentEncoding;
+
+  template <typename... Arguments>
+  void transportLog(Level level, const char* format, Arguments... arguments) const {
+    owner.getLogger().logForWorker(index, level, format, arguments...);
+  }
+
+  HTTPClient& owner;
+  std::unique_ptr<PersistentSession> session;
+  std::string scheme = "http";
+  const std::string userAgent = "Orrery/10.15 (armv7-debian10)";
+  const std::set<std::string> methodsWithoutBody = {"DELETE", "HEAD", "TRACE"};
+  const unsigned index;
+  std::vector<char> responseBuffer;  // reused from response to response
+};
+
+}  // namespace connectivity::plugins

@@ -1,8 +1,8 @@
 // Lines for the host's log, under one category.
 //
-// A Logger is immutable after construction and may be used from all threads. The level is read once,
-// at construction: a disabled line costs one comparison, and a later change of the host's level is
-// not seen.
+// A Logger is immutable after construction and may be used from all threads. The level is read
+// once, at construction: a disabled line costs one comparison, and a later change of the host's
+// level is not seen.
 #pragma once
 
 #include <string>
@@ -28,9 +28,9 @@ class Logger {
   const std::string& name() const noexcept { return _name; }
   bool enabled(Level level) const noexcept { return static_cast<int>(level) <= _level; }
 
-  // Writes "<name> " and the formatted text. `format` is a literal, as for printf, whose conversions
-  // match the arguments exactly; text from outside is always an argument of "%s". A null format is
-  // std::logic_error, "basic_string::_M_construct null not valid".
+  // Writes "<name> " and the formatted text. `format` is a literal, as for printf, whose
+  // conversions match the arguments exactly; text from outside is always an argument of "%s". A
+  // null format is std::logic_error, "basic_string::_M_construct null not valid".
   template <typename... Arguments>
   void log(Level level, const char* format, Arguments... arguments) const {
     if (!enabled(level)) return;

@@ -39,7 +39,8 @@ class alignas(8) list_t {
   bool empty() const noexcept { return size() == 0; }
   data_t& operator[](std::uint64_t index) noexcept;
   const data_t& operator[](std::uint64_t index) const noexcept;
-  // The block doubles when it is full. std::runtime_error "Failed to allocate a list of N elements".
+  // The block doubles when it is full. std::runtime_error "Failed to allocate a list of N
+  // elements".
   void push_back(data_t&& element);
   const data_t* begin() const noexcept;
   const data_t* end() const noexcept;
@@ -70,7 +71,9 @@ class alignas(8) buffer_t {
   }
   bool empty() const noexcept { return size() == 0; }
   char* data() noexcept { return _block == nullptr ? nullptr : qor_buffer_bytes(_block); }
-  const char* data() const noexcept { return _block == nullptr ? nullptr : qor_buffer_bytes(_block); }
+  const char* data() const noexcept {
+    return _block == nullptr ? nullptr : qor_buffer_bytes(_block);
+  }
   std::string_view view() const noexcept { return {data(), size()}; }
 
   qor_underlying_buffer_t* block() const noexcept { return _block; }

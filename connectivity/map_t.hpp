@@ -8,8 +8,8 @@
 // Every stored or probed hash is hashes::calculate_hash of the key with the seed hashes::hashSeed.
 //
 // Iterators see every insert and erase: an iterator that was obtained before one raises
-// std::runtime_error "Iterator invalidated by modifying map" at its next use, and one of another map
-// raises "Invalid comparison of iterators into different maps", unless the environment variable
+// std::runtime_error "Iterator invalidated by modifying map" at its next use, and one of another
+// map raises "Invalid comparison of iterators into different maps", unless the environment variable
 // ZQ_SKIP_DATA_T_ITERATOR_CHECKS is set; it is looked up when a check fails, so that a valid step
 // costs nothing.
 //
@@ -70,8 +70,8 @@ class alignas(8) map_t {
   std::pair<iterator, iterator> find_for_insert(const data_t& key, std::uint64_t hash);
 
   // The entry of the key, and whether it is new. A key that is present leaves the pair with the
-  // caller; otherwise key and value are moved in. Growth that the host refuses is std::runtime_error
-  // "Failed to allocate a map of N slots" and changes nothing.
+  // caller; otherwise key and value are moved in. Growth that the host refuses is
+  // std::runtime_error "Failed to allocate a map of N slots" and changes nothing.
   std::pair<iterator, bool> insert(std::pair<data_t, data_t>&& entry, long long hash);
   // The same, hashing the key; a custom key raises "Cannot use custom values as a key".
   std::pair<iterator, bool> insert(data_t&& key, data_t&& value);

@@ -47,16 +47,16 @@ extern "C" {
 
 /* The alternative that a value holds. The numbers are part of the layout. */
 typedef enum qor_tag_t {
-  QOR_EMPTY = 0,          /* nothing; the payload is zero */
-  QOR_BOOL = 1,           /* boolean */
-  QOR_DOUBLE = 2,         /* float64 */
-  QOR_INT64 = 3,          /* int64 */
-  QOR_DECIMAL = 4,        /* decimal: IEEE 754-2008 decimal64, binary integer encoding */
-  QOR_STRING = 5,         /* string, owned: qor_free_string */
-  QOR_LIST = 6,           /* list, owned: qor_free_vector; null is the empty list */
-  QOR_MAP = 7,            /* map, owned: qor_free_map; null is the empty map */
-  QOR_BUFFER = 8,         /* buffer, owned: qor_free_buffer; null is the empty buffer */
-  QOR_CUSTOM = 9,         /* custom, owned: qor_free_custom */
+  QOR_EMPTY = 0,           /* nothing; the payload is zero */
+  QOR_BOOL = 1,            /* boolean */
+  QOR_DOUBLE = 2,          /* float64 */
+  QOR_INT64 = 3,           /* int64 */
+  QOR_DECIMAL = 4,         /* decimal: IEEE 754-2008 decimal64, binary integer encoding */
+  QOR_STRING = 5,          /* string, owned: qor_free_string */
+  QOR_LIST = 6,            /* list, owned: qor_free_vector; null is the empty list */
+  QOR_MAP = 7,             /* map, owned: qor_free_map; null is the empty map */
+  QOR_BUFFER = 8,          /* buffer, owned: qor_free_buffer; null is the empty buffer */
+  QOR_CUSTOM = 9,          /* custom, owned: qor_free_custom */
   QOR_BORROWED_STRING = 10 /* borrowed: a text that the value does not own */
 } qor_tag_t;
 
@@ -116,9 +116,9 @@ typedef struct qor_underlying_map_table_entry_t {
 
 /* What a custom value can do. `object` is the pointer given to qor_allocate_custom. */
 typedef struct qor_custom_operations_t {
-  void* (*copy)(void* object);         /* a new object, owned by the copy */
-  void (*free)(void* object);          /* the end of the object; called once */
-  const char* (*text)(void* object);   /* borrowed from the object; null: "(custom)" */
+  void* (*copy)(void* object);       /* a new object, owned by the copy */
+  void (*free)(void* object);        /* the end of the object; called once */
+  const char* (*text)(void* object); /* borrowed from the object; null: "(custom)" */
 } qor_custom_operations_t;
 
 /* A custom block. A host object with operations of its own; plug-ins move and free it. */
@@ -213,9 +213,16 @@ QOR_API int qor_map_put(qor_underlying_map_table_t** table, const char* key, qor
 /* The value under a text key, borrowed from the table, or null. `table` may be null. */
 QOR_API const qor_data_t* qor_map_find(const qor_underlying_map_table_t* table, const char* key);
 
-/* --- Logging ----------------------------------------------------------------------------------- */
+/* --- Logging -----------------------------------------------------------------------------------
+ */
 
-enum { QOR_LOG_ERROR = 2, QOR_LOG_WARN = 3, QOR_LOG_INFO = 4, QOR_LOG_DEBUG = 5, QOR_LOG_TRACE = 6 };
+enum {
+  QOR_LOG_ERROR = 2,
+  QOR_LOG_WARN = 3,
+  QOR_LOG_INFO = 4,
+  QOR_LOG_DEBUG = 5,
+  QOR_LOG_TRACE = 6
+};
 
 /* The level of a category: lines up to this level are wanted. */
 QOR_API int qor_get_log_level(const char* category);
@@ -234,11 +241,12 @@ typedef struct qor_log_services_t {
 } qor_log_services_t;
 QOR_API void qor_set_log_services(const qor_log_services_t* services);
 
-/* --- Status items ------------------------------------------------------------------------------ */
+/* --- Status items ------------------------------------------------------------------------------
+ */
 
 /*
- * Creates a named item on the host's status pages. `status_handle` is the one given to the plug-in's
- * create function. Null where the key is taken or the host refuses.
+ * Creates a named item on the host's status pages. `status_handle` is the one given to the
+ * plug-in's create function. Null where the key is taken or the host refuses.
  */
 QOR_API void* qor_create_user_status_item(void* status_handle, const char* key, const char* text);
 /* Sets the item's text. Calls for one item come one at a time. */
@@ -257,7 +265,8 @@ typedef struct qor_status_services_t {
   void (*remove)(void* context, void* item);
 } qor_status_services_t;
 
-/* --- Questions to the host --------------------------------------------------------------------- */
+/* --- Questions to the host ---------------------------------------------------------------------
+ */
 
 /* Asks the host to send queue-flush control messages to this plug-in. 0 for success. */
 QOR_API int qor_enable_queue_flush_messages(void* host_handle);
@@ -322,14 +331,17 @@ typedef int (*qor_plugin_set_next_towards_host_t)(void* plugin, void* chain_hand
 typedef int (*qor_plugin_send_batch_towards_transport_t)(void* plugin, qor_message_t* start,
                                                          qor_message_t* end);
 
-/* qor_destroy_plugin_<NAME>: stops the plug-in's threads and frees it; null is allowed. Always 0. */
+/* qor_destroy_plugin_<NAME>: stops the plug-in's threads and frees it; null is allowed. Always 0.
+ */
 typedef int (*qor_destroy_plugin_t)(void* plugin);
 /* _qor_plugin_checkIsTransport_<NAME>: marks a transport; gives its argument back. */
 typedef uintptr_t (*qor_plugin_check_is_transport_t)(uintptr_t word);
 
-/* --- Inline accessors ---------------------------------------------------------------------------- */
+/* --- Inline accessors ----------------------------------------------------------------------------
+ */
 
-/* NOLINTBEGIN(cppcoreguidelines-pro-type-cstyle-cast, google-readability-casting) : read by C too */
+/* NOLINTBEGIN(cppcoreguidelines-pro-type-cstyle-cast, google-readability-casting) : read by C too
+ */
 #if defined(__GNUC__)
 #pragma GCC diagnostic push
 #ifdef __cplusplus

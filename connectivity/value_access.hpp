@@ -59,8 +59,8 @@ class Data_tToString {
 inline std::string toText(const data_t& value) { return value.apply_visitor(Data_tToString()); }
 
 // The bytes, when they are valid UTF-8 without control characters other than tab, line feed and
-// carriage return; otherwise "<N bytes>". std::out_of_range "Out of bounds" where the block's length
-// does not fit in 32 bits.
+// carriage return; otherwise "<N bytes>". std::out_of_range "Out of bounds" where the block's
+// length does not fit in 32 bits.
 std::string bufferToString(const buffer_t& buffer);
 
 }  // namespace connectivity

@@ -1,7 +1,7 @@
 // Intrusive reference counting for objects shared between threads.
 //
-// An object starts with a count of 0; the first IntrusivePtr makes it 1, and the release that brings
-// it back to 0 deletes it. The tag of each call names the kind of holder, for tracing.
+// An object starts with a count of 0; the first IntrusivePtr makes it 1, and the release that
+// brings it back to 0 deletes it. The tag of each call names the kind of holder, for tracing.
 #pragma once
 
 #include <atomic>

@@ -23,8 +23,8 @@ class ORRERY_API SchedulableQueue {
   static void setCurrent(SchedulableQueue* queue) noexcept;
 };
 
-// Enters `queue` (null is allowed: the thread is then in no queue) and, at its end, goes back to the
-// queue that the thread was in. The queue outlives the guard.
+// Enters `queue` (null is allowed: the thread is then in no queue) and, at its end, goes back to
+// the queue that the thread was in. The queue outlives the guard.
 class ORRERY_API SchedulableQueueGuard {
  public:
   explicit SchedulableQueueGuard(SchedulableQueue* queue) noexcept;

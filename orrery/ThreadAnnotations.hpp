@@ -1,5 +1,5 @@
-// Clang's thread-safety annotations (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html), so that
-// a build with clang proves which mutex guards which member. Other compilers see nothing.
+// Clang's thread-safety annotations (https://clang.llvm.org/docs/ThreadSafetyAnalysis.html), so
+// that a build with clang proves which mutex guards which member. Other compilers see nothing.
 #pragma once
 
 #if defined(__clang__)

@@ -10,7 +10,8 @@
 
 namespace orrery {
 
-// The untyped slot. The constructor throws Exception "ThreadLocal ctor: pthread_key_create() failed".
+// The untyped slot. The constructor throws Exception "ThreadLocal ctor: pthread_key_create()
+// failed".
 class ORRERY_API ThreadLocalSlot {
  public:
   ThreadLocalSlot();

@@ -21,8 +21,10 @@ struct HTTPClient::ClientSessionThread::request {
           Texts&& queryParameters, Texts&& cookies, data_t&& form, double startTime,
           long long maxResponseKB, std::string maxResponsePolicy);
 
-  const char* methodText() const noexcept { return method.text(); }
+  // The method on the wire: the request's own, or what a redirect made of it.
+  const std::string& methodText() const noexcept { return wireMethod; }
   const char* pathText() const noexcept { return path.text(); }
+  static void checkPayload(const data_t& payload);
 
   data_t payload;          // a buffer, or the fields of a form
   data_t requestId;        // given back unchanged
@@ -39,6 +41,8 @@ struct HTTPClient::ClientSessionThread::request {
   long long redirectsTaken = 0;
   long long maxResponseKB;        // kilobytes of 1000 bytes; negative: no limit
   std::string maxResponsePolicy;  // REJECT, TRUNCATE_END or TRUNCATE_START
+  std::string wireMethod;         // upper case
+  unsigned int bodySize = 0;      // bytes of the first exchange's body as sent, after compression
 };
 
 }  // namespace connectivity::plugins

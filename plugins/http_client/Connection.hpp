@@ -1,0 +1,48 @@
+// One connection to a server or a proxy: plain TCP, or TLS over it.
+//
+// Used by the thread of the session that owns it; may be destroyed by another once that is done
+// with it. Never raises SIGPIPE, whatever the thread's signal mask says. Closed when destroyed; TLS
+// says goodbye first, without waiting.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include <Poco/Net/Context.h>
+#include <Poco/Net/StreamSocket.h>
+#include <Poco/Timespan.h>
+
+#include "plugins/http_client/InputBuffer.hpp"
+#include "plugins/http_client/RequestBodyStream.hpp"
+
+namespace connectivity::plugins {
+
+class Connection : public ByteSource, public ByteSink {
+ public:
+  // Nothing to read: no stray bytes, and the peer has not closed. One system call.
+  virtual bool quiet() const noexcept = 0;
+};
+
+// Opens a TCP connection to a host name or an IP address. The name's addresses are tried in turn,
+// IPv4 first; together they take at most `timeout`, which is also the socket's limit for each send
+// and receive afterwards. Throws the first address's failure where none can be reached
+// (Poco::Net::ConnectionRefusedException, Poco::TimeoutException, ...) with the address as text,
+// or Poco::Net::HostNotFoundException.
+Poco::Net::StreamSocket connectTo(const std::string& host, std::uint16_t port,
+                                  const Poco::Timespan& timeout);
+
+std::unique_ptr<Connection> plainConnection(const Poco::Net::StreamSocket& socket);
+
+// Performs the TLS handshake over a connected socket within `timeout`. `serverName` is announced to
+// the server where it is a name; the context says what is verified. Throws Poco::TimeoutException,
+// Poco::Net::SSLException; for a certificate that is refused with the text "certificate verify
+// failed: <reason>", where the reason is OpenSSL's ("certificate has expired", "hostname
+// mismatch").
+std::unique_ptr<Connection> tlsConnection(const Poco::Net::StreamSocket& socket,
+                                          const Poco::Net::Context::Ptr& context,
+                                          const std::string& serverName,
+                                          const Poco::Timespan& timeout);
+
+}  // namespace connectivity::plugins

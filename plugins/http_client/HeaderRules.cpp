@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <stdexcept>
 
 namespace connectivity::plugins {
 
@@ -37,12 +36,11 @@ bool isToken(std::string_view text) noexcept {
   return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
 }
 
-void refuseControlCharacters(std::string_view text, const std::string& item, bool tabAllowed) {
-  const bool refused = std::any_of(text.begin(), text.end(), [tabAllowed](char c) {
+bool hasControlCharacter(std::string_view text, Tab tab) noexcept {
+  return std::any_of(text.begin(), text.end(), [tab](char c) {
     const auto byte = static_cast<unsigned char>(c);
-    return (byte < 0x20 || byte == 0x7F) && !(tabAllowed && c == '\t');
+    return (byte < 0x20 || byte == 0x7F) && !(tab == Tab::Allowed && c == '\t');
   });
-  if (refused) throw std::runtime_error(item + " must not hold control characters");
 }
 
 bool belongsToTransport(std::string_view lowerCaseName) noexcept {

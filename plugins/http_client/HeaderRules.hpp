@@ -14,9 +14,11 @@ std::string lowerCased(std::string_view text);
 // A token of RFC 9110, 5.6.2: what a method or a header name may be.
 bool isToken(std::string_view text) noexcept;
 
-// Throws std::runtime_error "<item> must not hold control characters" where `text` has one (C0 or
-// DEL; the tab only where it is not allowed).
-void refuseControlCharacters(std::string_view text, const std::string& item, bool tabAllowed);
+// Whether a tab counts as a control character: it may stand in a header's value, nowhere else.
+enum class Tab { Refused, Allowed };
+
+// Whether `text` holds a control character: C0 or DEL.
+bool hasControlCharacter(std::string_view text, Tab tab) noexcept;
 
 // Headers that belong to the transport or to the connection, in lower case: content-length,
 // transfer-encoding, connection, expect, upgrade, te and trailer. A user's are ignored.

@@ -1,11 +1,11 @@
 #include "tests/support/RealServers.hpp"
 
 #include <chrono>
-#include <fcntl.h>
 #include <filesystem>
 #include <poll.h>
 #include <stdexcept>
 #include <unistd.h>
+#include <vector>
 
 #include "tests/support/Event.hpp"
 
@@ -31,6 +31,34 @@ std::string nginxConfiguration(const TemporaryDirectory& directory, int port,
          listenFlags + ";\nroot " + directory.file("html") + ";\n" + directives + "\n}\n}\n";
 }
 
+// False where the server ends instead.
+bool waitUntilItAccepts(ChildProcess& server, int port) {
+  const auto limit = std::chrono::steady_clock::now() + patience;
+  while (server.running()) {
+    if (connectToLoopback(port).valid()) return true;
+    if (std::chrono::steady_clock::now() > limit) throw TimedOut("a server to listen");
+    // The only sign that these servers give is their port.
+    ::poll(nullptr, 0, 20);
+  }
+  return false;
+}
+
+// Neither server can be handed a socket and still be one process: a port is chosen for it, and
+// another one where somebody else was faster to that port. Both run as one process, so that
+// killing it leaves nothing behind.
+template <typename Arguments>
+std::unique_ptr<ChildProcess> startOnFreePort(const char* name, int& port, Arguments arguments) {
+  std::string errors;
+  for (int attempt = 0; attempt < 5; ++attempt) {
+    port = unusedPort();
+    auto process = std::make_unique<ChildProcess>(arguments());
+    if (waitUntilItAccepts(*process, port)) return process;
+    process->wait();
+    errors = process->errors();
+  }
+  throw std::runtime_error(std::string(name) + " does not start: " + errors);
+}
+
 }  // namespace
 
 // --- nginx -------------------------------------------------------------------------------------
@@ -38,20 +66,13 @@ std::string nginxConfiguration(const TemporaryDirectory& directory, int port,
 bool RealNginx::available() { return executable(nginxProgram); }
 
 RealNginx::RealNginx(const std::string& directives, const std::string& listenFlags) {
-  // nginx takes over a socket that listens already: the port is never free for anybody else, and
-  // connections wait in its queue until nginx is up.
-  const auto listener = listenOnLoopback();
-  _port = localPort(listener);
   std::filesystem::create_directory(_directory.file("html"));
-  const auto configuration = _directory.write(
-      "nginx.conf", nginxConfiguration(_directory, _port, directives, listenFlags));
-  ChildProcess::Options options;
-  options.environment = {"NGINX=" + std::to_string(listener.get()) + ";"};
-  options.inherited = {listener.get()};
-  _process = std::make_unique<ChildProcess>(
-      std::vector<std::string>{nginxProgram, "-p", _directory.path().string(), "-c", configuration,
-                               "-e", "stderr"},
-      options);
+  _process = startOnFreePort("nginx", _port, [&] {
+    const auto text = nginxConfiguration(_directory, _port, directives, listenFlags);
+    const auto configuration = _directory.write("nginx.conf", text);
+    return std::vector<std::string>{
+        nginxProgram, "-p", _directory.path().string(), "-c", configuration, "-e", "stderr"};
+  });
 }
 
 void RealNginx::write(const std::string& name, const std::string& content) const {
@@ -67,14 +88,9 @@ bool RealSquid::available() { return executable(squidProgram); }
 RealSquid::RealSquid(const SquidOptions& options) {
   // As root, squid becomes another user, who must be able to write its files.
   std::filesystem::permissions(_directory.path(), std::filesystem::perms::all);
-  for (int attempt = 0; attempt < 5; ++attempt) {
-    // squid cannot take a socket over; somebody else may be faster to the port.
-    _port = unusedPort();
-    _process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{squidProgram, "-N", "-f", configure(options)});
-    if (waitUntilItAccepts()) return;
-  }
-  throw std::runtime_error("squid does not start: " + _process->errors());
+  _process = startOnFreePort("squid", _port, [&] {
+    return std::vector<std::string>{squidProgram, "-N", "-f", configure(options)};
+  });
 }
 
 std::string RealSquid::configure(const SquidOptions& options) {
@@ -94,17 +110,6 @@ std::string RealSquid::configure(const SquidOptions& options) {
                               "netdb_filename none\nshutdown_lifetime 0 seconds\naccess_log none\n"
                               "cache_log stdio:/dev/null\ncoredump_dir " +
                               _directory.path().string() + "\nvisible_hostname localhost\n");
-}
-
-bool RealSquid::waitUntilItAccepts() {
-  const auto limit = std::chrono::steady_clock::now() + patience;
-  while (_process->running()) {
-    if (connectToLoopback(_port).valid()) return true;
-    if (std::chrono::steady_clock::now() > limit) throw TimedOut("squid to listen");
-    // The only sign that squid gives is its port.
-    ::poll(nullptr, 0, 20);
-  }
-  return false;
 }
 
 }  // namespace test_support

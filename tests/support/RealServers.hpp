@@ -46,8 +46,8 @@ class RealSquid {
   int port() const noexcept { return _port; }
 
  private:
+  // Writes the files for the present port; the path of the configuration.
   std::string configure(const SquidOptions& options);
-  bool waitUntilItAccepts();
 
   TemporaryDirectory _directory;
   int _port = 0;

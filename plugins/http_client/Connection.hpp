@@ -21,8 +21,9 @@ namespace connectivity::plugins {
 
 class Connection : public ByteSource, public ByteSink {
  public:
-  // Nothing to read: no stray bytes, and the peer has not closed. One system call.
-  virtual bool quiet() const noexcept = 0;
+  // Nothing to read: no stray bytes, and the peer has not closed. One system call. REQUIRES: what
+  // was received so far ended with a whole message.
+  virtual bool quiet() noexcept = 0;
 };
 
 // Opens a TCP connection to a host name or an IP address. The name's addresses are tried in turn,

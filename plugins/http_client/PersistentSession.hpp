@@ -45,7 +45,7 @@ class PersistentSession {
   // bounds the TCP connect, the TLS handshake, and each wait for the peer, and takes effect with
   // the next connection.
   virtual Poco::Net::HTTPClientSession& poco() noexcept = 0;
-  const Poco::Net::HTTPClientSession& poco() const noexcept;
+  virtual const Poco::Net::HTTPClientSession& poco() const noexcept = 0;
   bool secure() const noexcept { return !_context.isNull(); }
 
   // Sends the request's head, on the kept connection or a new one. Adds Host where the request has

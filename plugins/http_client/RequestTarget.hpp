@@ -21,14 +21,16 @@ std::string requestTarget(const std::string& basePath, const std::string& path,
 // An absolute URI in its parts.
 struct Location {
   std::string scheme;      // lower case
-  std::string host;        // lower case; an IPv6 address without its brackets
+  std::string host;        // an IPv6 address without its brackets
   std::uint16_t port = 0;  // the scheme's own where the URI names none; 0 for other than http(s)
   std::string target;      // path and query, percent-encoded
 };
 
 // What `location` means in the response to a request for `current` (RFC 3986, 5.2): an absolute
 // URI, or one relative to the scheme, the server, the path, or the query. Its fragment and user
-// information are dropped. Throws std::runtime_error "Invalid Location header (<reason>): <text>".
+// information are dropped; where it names no host, the host stays as it is in `current`. A host
+// that it names comes in lower case. Throws std::runtime_error "Invalid Location header (<reason>):
+// <text>".
 Location resolveLocation(const Location& current, const std::string& location);
 
 // "http://host/x", the port only where it is not the scheme's own.

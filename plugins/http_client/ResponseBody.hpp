@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <istream>
-#include <limits>
+#include <optional>
 #include <streambuf>
 #include <string>
 #include <string_view>
@@ -31,36 +31,37 @@ class BodyBuffer final : public std::streambuf {
   // The connection is gone: nothing more can be read.
   void abandon() noexcept;
   bool complete() const noexcept;
-  bool cutShort() const noexcept { return _cutShort; }
+  bool cutShort() const noexcept { return _state == State::CutShort; }
   bool drain(std::size_t bound);
   const std::string& failure() const noexcept { return _failure; }
+  // Ends the get area, which lies over the input: what was used of it leaves the input.
+  void settle() noexcept;
 
  protected:
   int_type underflow() override;
   std::streamsize xsgetn(char* into, std::streamsize count) override;
 
  private:
-  // Returns to the input what the get area has not used of it.
-  void settle() noexcept;
-  // True when body bytes are to be expected; false at the end, whole or cut short.
+  enum class State { Reading, Complete, CutShort, Failed };
+
+  void taken(std::size_t count) noexcept;
+  // True when bytes of the body are to come; false at its end, whole or cut short.
   bool more();
   std::size_t readPiece(char* into, std::size_t count);
   bool fillInput();
-  void take(std::size_t count) noexcept;
+  template <typename Receive>
+  std::size_t received(Receive&& receive);
   bool nextChunk();
   bool readTrailers();
-  bool readLine(std::string& line, std::size_t bound);
-  bool breakOff(std::string reason);
-  bool endOfStream();
+  std::optional<std::string_view> peekLine(std::size_t bound);
+  bool breakOff(const char* reason);
 
   InputBuffer& _input;
   Framing _framing = Framing::None;
-  std::int64_t _remaining = 0;  // of the body, or of the chunk
-  bool _insideChunk = false;    // a chunk's end of line is still to come
-  bool _done = true;
-  bool _cutShort = false;
+  State _state = State::Complete;
+  std::int64_t _remaining = 0;     // of the body, or of the chunk
+  bool _chunkEndExpected = false;  // the line end behind a chunk's data is still to come
   std::string _failure;
-  std::string _line;
 };
 
 class ResponseBody final : public std::istream {
@@ -72,6 +73,8 @@ class ResponseBody final : public std::istream {
   // For the session: a new response's body; `length` counts under Framing::Length only.
   void begin(Framing framing, std::int64_t length = 0);
   void abandon() noexcept { _buffer.abandon(); }
+  // Leaves in the input only what was not read.
+  void settle() noexcept { _buffer.settle(); }
 
   // The whole message has been consumed, with the last chunk and the trailers. Never true for a
   // body that ends with the connection before its end was read.

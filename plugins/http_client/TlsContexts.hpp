@@ -28,12 +28,15 @@ class TlsContexts {
   Poco::Net::Context::Ptr contextFor(const std::string& host) ORRERY_EXCLUDES(_mutex);
 
  private:
-  Poco::Net::Context::Ptr newContext(const std::string& host) const ORRERY_REQUIRES(_mutex);
+  // The context that has loaded the authorities and checks no host.
+  const Poco::Net::Context::Ptr& base() ORRERY_REQUIRES(_mutex);
+  Poco::Net::Context::Ptr contextChecking(const std::string& host) ORRERY_REQUIRES(_mutex);
 
   const std::string _caFile;
   const bool _acceptUnrecognized;
   orrery::Mutex _mutex{"TlsContexts"};
-  // By host in lower case; a single one under "" where no host is checked.
+  Poco::Net::Context::Ptr _base ORRERY_GUARDED_BY(_mutex);
+  // By host in lower case.
   std::map<std::string, Poco::Net::Context::Ptr> _contexts ORRERY_GUARDED_BY(_mutex);
 };
 

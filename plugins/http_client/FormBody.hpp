@@ -1,7 +1,7 @@
-// An HTML form as the body of a request: URL-encoded or multipart (RFC 7578).
+// An HTML form, as the body of a request or as its query.
 //
-// A FormBody borrows the payload and the metadata that it was built from: file contents go from the
-// host's block to the stream without a copy. It can be written more than once.
+// Fields and bodies borrow the payload and the metadata that they were read from: file contents go
+// from the host's block to the stream without a copy. A body can be written more than once.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@
 
 namespace connectivity::plugins {
 
-// One entry of a form. The views are borrowed from the payload.
+// One entry of a form. The views are borrowed from the payload and the metadata.
 struct FormField {
   std::string_view name;
   std::string_view value;
@@ -24,31 +24,35 @@ struct FormField {
   std::string contentType;    // of a file, with its charset
 };
 
-// The fields of a payload, in the map's order, as the form metadata (`http.form`) describes them:
-// a string is a field; a buffer is a file where the metadata has a file name for it, else it is
-// reported ("Can't find filename in the form metadata. Data will be send as a string not as a
-// binary payload") and becomes a field. The metadata's filename, contentType (default
-// "application/octet-stream") and charset stand once for all files, or in a map under a field's
-// name, which wins.
+// The fields of a payload, in the map's order, as the form metadata (`http.form`, a map or empty)
+// describes them. A string is a field. A buffer is a file where the metadata has a file name for
+// it; else "Can't find filename in the form metadata. Data will be send as a string not as a binary
+// payload" is reported and it becomes a field.
+//
+// The metadata's filename, contentType (default "application/octet-stream") and charset, all
+// strings, stand once for all files, or in a map under a field's name, which wins. A charset is
+// appended to the content type as "; charset=" and its text.
 //
 // Throws RefusedRequest:
-//   payloadRefusal, where a key is no string, or a value neither string nor buffer
-//   "http.form.filename must be a string" (and the like), for metadata of the wrong kind
-//   "The name of a form field must not hold control characters", "The filename of form field x
-//   must not hold control characters" (and contentType, charset)
+//   payloadRefusal                              a key is no string, a value no string or buffer
+//   "http.form.filename must be a string"       the metadata is of the wrong kind; a field's own is
+//                                               called "http.form.x.filename"
+//   "http.form.x must be a map"                 what stands under a field's name is no map
+//   "http.form.filename must not hold control characters"
+//   "The name of a form field must not hold control characters"
 std::vector<FormField> readFormFields(const map_t& payload, const data_t& metadata,
                                       const ReportLine& report);
 
-// "name=value&..." with every octet but the unreserved of RFC 3986 percent-encoded.
-// Throws RefusedRequest "HTTPClient form field x is a file, which only multipart/form-data carries
-// in the body of a request".
+// "name=value&...", with every octet but RFC 3986's unreserved ones percent-encoded.
+// Throws RefusedRequest "HTTPClient form field x is a file, which only the body of a
+// multipart/form-data request carries".
 std::string urlEncodedForm(const std::vector<FormField>& fields);
 
-// A multipart form. A double quote in a name is written %22, as browsers do.
+// A body of the type multipart/form-data (RFC 7578). A double quote in the name of a field or file
+// is written %22, as browsers do.
 class MultipartForm {
  public:
-  // `fields` is borrowed.
-  MultipartForm(const std::vector<FormField>& fields, std::string boundary);
+  MultipartForm(const std::vector<FormField>& fields, const std::string& boundary);
 
   std::uint64_t contentLength() const noexcept { return _contentLength; }
   void write(std::ostream& out) const;
@@ -58,6 +62,7 @@ class MultipartForm {
     std::string head;  // delimiter and header lines
     std::string_view value;
   };
+
   std::vector<Part> _parts;
   std::string _end;
   std::uint64_t _contentLength = 0;

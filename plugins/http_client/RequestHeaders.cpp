@@ -15,15 +15,6 @@ namespace connectivity::plugins {
 
 namespace {
 
-// The Host header: the port only where it is not the scheme's own.
-std::string hostHeader(const std::string& scheme, const std::string& host, std::uint16_t port) {
-  std::string text =
-      host.find(':') == std::string::npos || host.front() == '[' ? host : "[" + host + "]";
-  const std::uint16_t schemePort = scheme == "https" ? 443 : 80;
-  if (port != schemePort) text += ":" + std::to_string(port);
-  return text;
-}
-
 // The path that cookies are compared with: what is sent, without the query.
 std::string cookiePath(const std::string& target) { return target.substr(0, target.find('?')); }
 
@@ -43,9 +34,6 @@ void HTTPClient::ClientSessionThread::createRequest(Poco::Net::HTTPRequest& http
                                                     request& req, unsigned int bodySize) {
   if (req.redirectsTaken == 0) req.bodySize = bodySize;
   const bool home = atConfiguredServer();
-  if (!home || !req.headers.contains("host")) {
-    httpRequest.set("Host", hostHeader(scheme, sessionHost, sessionPort));
-  }
   if (home) addCookies(httpRequest, req);
   if (home && owner.options.useServerAuthentication && !req.headers.contains("authorization")) {
     Poco::Net::HTTPBasicCredentials(owner.options.username, owner.options.password)

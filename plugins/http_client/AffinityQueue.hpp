@@ -24,7 +24,6 @@
 #include <utility>
 #include <vector>
 
-#include "connectivity/Logger.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace connectivity::plugins {

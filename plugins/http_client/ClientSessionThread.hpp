@@ -61,6 +61,10 @@ class HTTPClient::ClientSessionThread final : public orrery::Thread {
     owner.getLogger().logForWorker(index, level, format, arguments...);
   }
 
+  bool serveNext() noexcept;
+  void reportFailure(const char* text) const noexcept;
+  void closeSessions() noexcept;
+
   // SessionSetup.cpp. Opens a session to `host`; the old one stays where that fails.
   void setSession(const std::string& host, std::uint64_t port);
   // Drops the session's connection, and whatever it may still hold, before its next request.

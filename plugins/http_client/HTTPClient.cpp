@@ -170,9 +170,13 @@ void HTTPClient::drain() {
 
 // Null where no worker runs that could reach it.
 std::shared_ptr<Sentinel> HTTPClient::enqueueLastSentinel() {
-  const orrery::AutoMutex lock(sessionsMutex);
+  std::uint32_t running = 0;
+  {
+    const orrery::AutoMutex lock(sessionsMutex);
+    running = runningWorkers;
+  }
   Queue::LockPushBatch batch(*queue);
-  return enqueueSentinel(batch, runningWorkers, true, nullptr);
+  return enqueueSentinel(batch, running, true, nullptr);
 }
 
 bool HTTPClient::isHostShuttingDown() const {

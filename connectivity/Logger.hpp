@@ -5,7 +5,9 @@
 // level is not seen.
 #pragma once
 
+#include <array>
 #include <string>
+#include <type_traits>
 
 #include "connectivity/qor_plugin.h"
 
@@ -34,7 +36,7 @@ class Logger {
   template <typename... Arguments>
   void log(Level level, const char* format, Arguments... arguments) const {
     if (!enabled(level)) return;
-    write(level, withPrefix("<%s> ", format), _name.c_str(), arguments...);
+    write(level, Format("<%s> ", format), _name.c_str(), arguments...);
   }
   template <typename... Arguments>
   void info(const char* format, Arguments... arguments) const {
@@ -53,17 +55,28 @@ class Logger {
   template <typename... Arguments>
   void logForWorker(unsigned index, Level level, const char* format, Arguments... arguments) const {
     if (!enabled(level)) return;
-    write(level, withPrefix("<%s> {%u} ", format), _name.c_str(), index, arguments...);
+    write(level, Format("<%s> {%u} ", format), _name.c_str(), index, arguments...);
   }
 
  private:
-  static std::string withPrefix(const char* prefix, const char* format);
+  // A prefix and a format in one text; the usual lengths need no allocation.
+  class Format {
+   public:
+    Format(const char* prefix, const char* format);
+    const char* text() const noexcept { return _long.empty() ? _short.data() : _long.c_str(); }
+
+   private:
+    std::array<char, 240> _short;
+    std::string _long;
+  };
+
   template <typename... Arguments>
-  void write(Level level, const std::string& format, Arguments... arguments) const {
+  void write(Level level, const Format& format, Arguments... arguments) const {
+    static_assert((std::is_scalar_v<Arguments> && ...), "printf takes numbers and pointers only");
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-nonliteral"
 #pragma GCC diagnostic ignored "-Wformat-security"
-    qor_log_at(_category.c_str(), static_cast<int>(level), format.c_str(), arguments...);
+    qor_log_at(_category.c_str(), static_cast<int>(level), format.text(), arguments...);
 #pragma GCC diagnostic pop
   }
 

@@ -1,5 +1,8 @@
 // The class frame of a transport plug-in: what create hands to its constructor, and the two sides
 // between which messages travel.
+//
+// The host drives a plug-in from one thread at a time, except for batches towards the transport,
+// which come from any thread. Handles are the host's and outlive the plug-in.
 #pragma once
 
 #include <memory>
@@ -37,6 +40,7 @@ class Plugin {
   Plugin(const Plugin&) = delete;
   Plugin& operator=(const Plugin&) = delete;
 
+  // Do nothing here.
   virtual void start();
   virtual void hostReady();
   virtual void shutdown();
@@ -51,11 +55,15 @@ class Plugin {
   const map_t config;
   // The host's handle, for the host queries.
   void* hostHandle() const noexcept { return *_hostHandle; }
+
+ private:
+  const std::unique_ptr<void*> _hostHandle;
+
+ protected:
   const Logger logger;
 
  private:
-  std::unique_ptr<void*> _hostHandle;
-  std::unique_ptr<StatusReporter> _statusReporter;
+  const std::unique_ptr<StatusReporter> _statusReporter;
 };
 
 // The side towards the transport.
@@ -89,7 +97,8 @@ class RemoteHostSide final : public HostSide {
 class AbstractTransport : public Plugin, public TransportSide {
  public:
   using Plugin::Plugin;
-  // Takes the host side over; the previous one is destroyed after the new one stands.
+  // Takes the host side over; the previous one is destroyed after the new one stands. Not locked: a
+  // transport that may be delivering meanwhile overrides this and holds its lock around the call.
   virtual void setNextTowardsHost(std::unique_ptr<HostSide>&& side);
 
  protected:

@@ -9,8 +9,6 @@
 #include <mutex>
 #include <string>
 
-#include "orrery/ThreadAnnotations.hpp"
-
 namespace connectivity {
 
 class StatusReporter {
@@ -31,14 +29,16 @@ class StatusReporter {
 
 class StatusReporter::StatusItem {
  public:
-  // Takes over the host's item. `text` is what the host shows for it.
-  StatusItem(void* hostItem, std::int64_t value, std::string text);
+  // As createStatusItem: creates the host's item, which shows `text`.
+  StatusItem(void* statusHandle, const std::string& key, std::int64_t value, std::string text);
   ~StatusItem();
   StatusItem(const StatusItem&) = delete;
   StatusItem& operator=(const StatusItem&) = delete;
 
   void setStatus(std::int64_t value);
+  // Leaves the number behind the item as it is.
   void setStatus(const std::string& text);
+  // Adds to the last number that was set.
   void increment(std::int64_t delta);
 
  private:
@@ -46,10 +46,10 @@ class StatusReporter::StatusItem {
   // REQUIRES: the item's mutex is held.
   void setStatusLocked(const std::string& text);
 
-  void* const _hostItem;
-  std::int64_t _value;    // guarded by _mutex
-  std::string _lastText;  // guarded by _mutex
   std::mutex _mutex;
+  std::int64_t _value;    // guarded by _mutex
+  std::string _lastText;  // guarded by _mutex; what the host shows
+  void* const _hostItem;  // owned, constant; made from the text
 };
 
 }  // namespace connectivity

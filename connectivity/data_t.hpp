@@ -9,10 +9,9 @@
 // A value may be read from several threads; it must not be changed while anybody else uses it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <span>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -37,11 +36,14 @@ class alignas(8) list_t {
 
   std::uint64_t size() const noexcept { return _block == nullptr ? 0 : _block->count; }
   bool empty() const noexcept { return size() == 0; }
+  // REQUIRES: index < size().
   data_t& operator[](std::uint64_t index) noexcept;
   const data_t& operator[](std::uint64_t index) const noexcept;
-  // The block doubles when it is full. std::runtime_error "Failed to allocate a list of N
-  // elements".
+  // The block doubles when it is full. Where the host refuses: std::runtime_error "Failed to
+  // allocate a list of N elements", and nothing has changed.
   void push_back(data_t&& element);
+  data_t* begin() noexcept;
+  data_t* end() noexcept;
   const data_t* begin() const noexcept;
   const data_t* end() const noexcept;
 
@@ -57,7 +59,8 @@ class alignas(8) buffer_t {
  public:
   buffer_t() noexcept = default;
   explicit buffer_t(qor_underlying_buffer_t* block) noexcept : _block(block) {}
-  // A new block with a copy of the bytes.
+  // A new block with a copy of the bytes. More bytes than 32 bits can count are std::runtime_error
+  // "A buffer cannot hold N bytes".
   static buffer_t copyOf(std::string_view bytes);
   buffer_t(buffer_t&& other) noexcept : _block(std::exchange(other._block, nullptr)) {}
   buffer_t& operator=(buffer_t&& other) noexcept;
@@ -139,7 +142,14 @@ class data_t {
     if (_tag >= QOR_STRING && _tag <= QOR_CUSTOM) destroy();
   }
 
-  void swap(data_t& other) noexcept;
+  void swap(data_t& other) noexcept {
+    std::byte mine[16];
+    std::byte theirs[16];
+    std::memcpy(mine, static_cast<const void*>(this), sizeof mine);
+    std::memcpy(theirs, static_cast<const void*>(&other), sizeof theirs);
+    std::memcpy(static_cast<void*>(this), theirs, sizeof theirs);
+    std::memcpy(static_cast<void*>(&other), mine, sizeof mine);
+  }
   // A deep copy, made by the host.
   data_t copy() const;
   // Gives the contents away as the C structure and leaves the value empty.
@@ -219,6 +229,31 @@ static_assert(sizeof(data_t) == sizeof(qor_data_t), "a data_t is a qor_data_t");
 static_assert(sizeof(list_t) == 8 && sizeof(buffer_t) == 8 && sizeof(custom_t) == 8,
               "alternatives that own a block fill the payload");
 
+namespace details {
+
+// Whether iterator errors are raised: not while ZQ_SKIP_DATA_T_ITERATOR_CHECKS is set. Asked only
+// where a check has failed.
+bool iteratorChecksAreOn() noexcept;
+
+// A walk over a list that notices when the list changes under it: by a visitor that alters what it
+// visits, or by another thread. REQUIRES: the list outlives the walk.
+class ListWalk {
+ public:
+  explicit ListWalk(const list_t& list) noexcept
+      : _list(list), _block(list.block()), _count(list.size()) {}
+  // The next element, or null at the end. std::runtime_error "Iterator invalidated by modifying
+  // list" where the list's count or block is no longer what it was.
+  const data_t* next();
+
+ private:
+  const list_t& _list;
+  const qor_underlying_list_t* const _block;
+  const std::uint64_t _count;
+  std::uint64_t _index = 0;
+};
+
+}  // namespace details
+
 // A payload and its metadata, moved as a unit. The layout of qor_message_t.
 struct Message {
   data_t payload;
@@ -272,6 +307,12 @@ namespace details {
 inline const data_t& keyOf(const qor_underlying_map_table_entry_t& slot) noexcept {
   return reinterpret_cast<const data_t&>(slot.key);
 }
+inline data_t& keyOf(qor_underlying_map_table_entry_t& slot) noexcept {
+  return reinterpret_cast<data_t&>(slot.key);
+}
+inline const data_t& valueOf(const qor_underlying_map_table_entry_t& slot) noexcept {
+  return reinterpret_cast<const data_t&>(slot.value);
+}
 inline data_t& valueOf(qor_underlying_map_table_entry_t& slot) noexcept {
   return reinterpret_cast<data_t&>(slot.value);
 }
@@ -282,6 +323,18 @@ typename map_t::_iterator<isConst>::entry_t map_t::_iterator<isConst>::operator*
   checkmodified();
   auto& slot = _slots[_index];
   return {slot.hash, details::keyOf(slot), details::valueOf(slot)};
+}
+
+template <bool isConst>
+const data_t& map_t::_iterator<isConst>::key() const {
+  checkmodified();
+  return details::keyOf(_slots[_index]);
+}
+
+template <bool isConst>
+std::conditional_t<isConst, const data_t&, data_t&> map_t::_iterator<isConst>::value() const {
+  checkmodified();
+  return details::valueOf(_slots[_index]);
 }
 
 extern template class map_t::_iterator<false>;

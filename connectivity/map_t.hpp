@@ -11,7 +11,8 @@
 // std::runtime_error "Iterator invalidated by modifying map" at its next use, and one of another
 // map raises "Invalid comparison of iterators into different maps", unless the environment variable
 // ZQ_SKIP_DATA_T_ITERATOR_CHECKS is set; it is looked up when a check fails, so that a valid step
-// costs nothing.
+// costs nothing. With the checks off a stale iterator goes on with the slots that it knew, which is
+// safe only while the table has not been replaced by a larger one.
 //
 // A map may be read from several threads; it must not be changed while anybody else uses it.
 #pragma once
@@ -72,12 +73,13 @@ class alignas(8) map_t {
   // The entry of the key, and whether it is new. A key that is present leaves the pair with the
   // caller; otherwise key and value are moved in. Growth that the host refuses is
   // std::runtime_error "Failed to allocate a map of N slots" and changes nothing.
-  std::pair<iterator, bool> insert(std::pair<data_t, data_t>&& entry, long long hash);
+  std::pair<iterator, bool> insert(std::pair<data_t, data_t>&& pair, long long hash);
   // The same, hashing the key; a custom key raises "Cannot use custom values as a key".
   std::pair<iterator, bool> insert(data_t&& key, data_t&& value);
 
-  // Nothing happens at the end. Both leave a tombstone, and never shrink the table.
-  void erase(iterator position);
+  // Frees the entry and leaves a tombstone; the table never shrinks. Nothing happens at the end. A
+  // stale iterator, or one of another map, raises the iterator errors above and changes nothing.
+  void erase(const iterator& position);
 
   // The value under `key`, or null.
   const data_t* find(const data_t& key) const;
@@ -89,9 +91,11 @@ class alignas(8) map_t {
   data_t* findText(const char* text, std::uint64_t hash);
   data_t* findText(const char* text);
 
-  // A deep copy, as small as its entries allow.
+  // A deep copy of the entries and of the header text. Slots are not carried over: the copy starts
+  // with max(8, size) of them. An empty map without header text has a copy without a table.
   map_t copy() const;
-  // Same size, same header text, and every entry of this map with an equal value in the other.
+  // Same size, same header text (or both without), and every entry of this map with an equal value
+  // in the other.
   bool operator==(const map_t& other) const;
 
   // The table, still owned by the map; null for a map without one.
@@ -100,7 +104,21 @@ class alignas(8) map_t {
   qor_underlying_map_table_t* release() noexcept { return std::exchange(_table, nullptr); }
 
  private:
+  // Slot indexes; the capacity stands for "none".
+  struct Probe {
+    std::uint64_t found;
+    std::uint64_t free;
+  };
+  template <typename Matches>
+  Probe probeFor(std::uint64_t hash, const Matches& matches) const;
+  Probe probe(const data_t& key, std::uint64_t hash) const;
+  std::uint64_t capacity() const noexcept { return _table == nullptr ? 0 : _table->capacity; }
+  const data_t* valueAt(std::uint64_t index) const noexcept;
+  bool isOverloaded() const noexcept;
+  std::pair<iterator, bool> insertMoving(data_t& key, data_t& value, std::uint64_t hash);
+  void fill(std::uint64_t index, data_t& key, data_t& value, std::uint64_t hash) noexcept;
   void grow();
+
   qor_underlying_map_table_t* _table = nullptr;
 };
 
@@ -131,7 +149,12 @@ class map_t::_iterator {
   bool atEnd() const noexcept { return _index == _capacity; }
 
  private:
+  friend class map_t;
+  // Moves to the first live slot at or after the index.
+  void settle() noexcept;
+
   owner_t* _owner = nullptr;
+  // As they were when the iterator was obtained.
   qor_underlying_map_table_entry_t* _slots = nullptr;
   std::uint64_t _capacity = 0;
   std::uint64_t _index = 0;

@@ -1,28 +1,86 @@
 // Reading values: the strict get<T>, the lenient convert_to<T>, and text for people.
 //
-// Failures are std::runtime_error with the texts given below; the value read is never changed.
+// Failures are std::runtime_error with the texts given below; the value read is never changed. A
+// value above the last tag is of the kind "unknown" and is nothing that can be read.
 #pragma once
 
 #include <string>
+#include <type_traits>
+#include <typeinfo>
 
 #include "connectivity/data_t.hpp"
 
 namespace connectivity {
 
-// A reference to the held alternative. T is one of bool, double, long long, decimal_t, list_t,
-// map_t, buffer_t, custom_t; or const char* or std::string (both kinds of string; std::string is a
-// copy, returned by value). Errors:
+namespace get_details {
+
+// The names of alternatives in messages.
+inline const char* nameOf(const bool*) noexcept { return "boolean"; }
+inline const char* nameOf(const double*) noexcept { return "double"; }
+inline const char* nameOf(const long long*) noexcept { return "integer"; }
+inline const char* nameOf(const decimal_t*) noexcept { return "decimal"; }
+inline const char* nameOf(const char* const*) noexcept { return "string"; }
+inline const char* nameOf(const std::string*) noexcept { return "string"; }
+inline const char* nameOf(const list_t*) noexcept { return "list"; }
+inline const char* nameOf(const map_t*) noexcept { return "map"; }
+inline const char* nameOf(const buffer_t*) noexcept { return "buffer"; }
+inline const char* nameOf(const custom_t*) noexcept { return "custom"; }
+
+[[noreturn]] void throwEmpty();
+// Writes the line to standard error, then throws.
+[[noreturn]] void throwIncorrectType(const std::type_info& asked, const char* askedName,
+                                     const char* actualName);
+
+// What get<T> gives: texts by value, because they must not be changed in place.
+template <typename T, bool isConst>
+using Result = std::conditional_t<std::is_same_v<T, std::string> || std::is_same_v<T, const char*>,
+                                  T, std::conditional_t<isConst, const T&, T&>>;
+
+// A string is held as const char*, also where a std::string is asked for.
+template <typename T>
+using Held = std::conditional_t<std::is_same_v<T, std::string>, const char*, T>;
+
+template <typename T, bool isConst>
+class GetVisitor {
+ public:
+  using Alternative = std::conditional_t<isConst, const Held<T>, Held<T>>;
+
+  Result<T, isConst> operator()() const { throwEmpty(); }
+  Result<T, isConst> operator()(Alternative& held) const { return Result<T, isConst>(held); }
+  template <typename Other>
+  Result<T, isConst> operator()(const Other&) const {
+    return refuse(nameOf(static_cast<const Other*>(nullptr)));
+  }
+  Result<T, isConst> unknown() const { return refuse("unknown"); }
+
+ private:
+  [[noreturn]] static Result<T, isConst> refuse(const char* actualName) {
+    throwIncorrectType(typeid(T), nameOf(static_cast<const T*>(nullptr)), actualName);
+  }
+};
+
+}  // namespace get_details
+
+// The held alternative. T is one of bool, double, long long, decimal_t, list_t, map_t, buffer_t,
+// custom_t (a reference into the value), const char* (the value's text, of either kind of string,
+// valid as long as the value) or std::string (a copy of the text). Errors:
 //   "Get from empty"
 //   "Incorrect type in get (you asked for integer but it's actually boolean)"; before it, one line
 //   is written to standard error: "GetVisitor<x>.operator()(x)", x the type-information name of T.
 // Names of alternatives: boolean, double, integer, decimal, string, list, map, buffer, custom.
 template <typename T>
-T& get(data_t& value);
+get_details::Result<T, false> get(data_t& value) {
+  return value.apply_visitor(get_details::GetVisitor<T, false>());
+}
 template <typename T>
-const T& get(const data_t& value);
-template <>
-const std::string& get<std::string>(const data_t& value) = delete;
-std::string getString(const data_t& value);
+get_details::Result<T, true> get(const data_t& value) {
+  return value.apply_visitor(get_details::GetVisitor<T, true>());
+}
+// A reference into a value that is about to end would dangle.
+template <typename T>
+void get(data_t&& value) = delete;
+
+inline std::string getString(const data_t& value) { return get<std::string>(value); }
 
 // To long long: an integer as it is, a string through strtoll (base 10, so text that is no number
 // is 0). To std::string: a boolean as "true" or "false", a double by "%g", an integer by "%lld", a
@@ -41,7 +99,8 @@ const char* kindOf(const data_t& value) noexcept;
 
 // Text for logs: "(null)" for empty, strings bare, [a, b] for lists, {key=value, ...} for maps in
 // iteration order, %g and %lld for numbers, a decimal as its number, "(custom)" for custom values,
-// and buffers as bufferToString has them.
+// and buffers as bufferToString has them. A list or map that changes meanwhile raises the errors of
+// details::ListWalk and map_t's iterators.
 class Data_tToString {
  public:
   std::string operator()() const;
@@ -59,8 +118,8 @@ class Data_tToString {
 inline std::string toText(const data_t& value) { return value.apply_visitor(Data_tToString()); }
 
 // The bytes, when they are valid UTF-8 without control characters other than tab, line feed and
-// carriage return; otherwise "<N bytes>". std::out_of_range "Out of bounds" where the block's
-// length does not fit in 32 bits.
+// carriage return; otherwise "<N bytes>". "Out of bounds" where the block's length does not fit in
+// 32 bits.
 std::string bufferToString(const buffer_t& buffer);
 
 }  // namespace connectivity

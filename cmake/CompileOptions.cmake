@@ -6,7 +6,9 @@ add_compile_options(
   $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
   $<$<COMPILE_LANGUAGE:CXX>:-Wold-style-cast>
   $<$<COMPILE_LANGUAGE:CXX>:-Wextra-semi>
-  -fno-omit-frame-pointer)
+  -fno-omit-frame-pointer
+  # One block of memory is read through two views of its layout: qor_data_t here, data_t there.
+  -fno-strict-aliasing)
 
 if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)

@@ -1,18 +1,15 @@
 #include "plugins/http_client/ResponseReading.hpp"
 
-#include <algorithm>
 #include <cstddef>
 #include <istream>
 #include <sstream>
 #include <stdexcept>
-#include <streambuf>
 #include <string_view>
-
-#include <Poco/InflatingStream.h>
 
 #include "orrery/Exception.hpp"
 #include "plugins/http_client/ClientSessionThread.hpp"
 #include "plugins/http_client/HeaderRules.hpp"
+#include "plugins/http_client/Inflating.hpp"
 #include "plugins/http_client/MediaTypes.hpp"
 #include "plugins/http_client/Request.hpp"
 #include "plugins/http_client/ResponseBody.hpp"
@@ -25,12 +22,6 @@ namespace {
 constexpr std::size_t leftoverBytes = 4096;
 // A buffer that has grown beyond this is given back before the next response.
 constexpr std::size_t keptBufferBytes = 8U << 20U;
-
-void throwIfBroken(const std::istream& stream) {
-  if (stream.bad()) {
-    throw orrery::StreamException("Error processing response stream: Serious I/O error");
-  }
-}
 
 [[noreturn]] void throwIncomplete() {
   throw orrery::StreamException("Error processing response stream: I/O error");
@@ -62,50 +53,15 @@ struct Limits {
 
 unsigned int readPlain(ResponseBody& body, const Limits& limits) {
   const unsigned int count = limits.read(body);
-  throwIfBroken(body);
   throwIfCutShort(body);
   return count;
 }
 
-// Hands the coded bytes to the decoder and remembers the last of them: the decoder takes a stream
-// that breaks off before its first decoded byte for an empty one.
-class CodedBytes final : public std::streambuf {
- public:
-  explicit CodedBytes(std::streambuf& source) noexcept : _source(source) {}
-
-  // Whether the bytes end as an empty content does: with its checksum, and under gzip its length.
-  bool endAsEmpty(SupportedMediaType coding) const {
-    if (coding == SupportedMediaType::gzip)
-      return _last.ends_with(std::string_view("\0\0\0\0\0\0\0\0", 8));
-    return _last.ends_with(std::string_view("\0\0\0\1", 4));
-  }
-
- protected:
-  std::streamsize xsgetn(char* into, std::streamsize count) override {
-    const std::streamsize got = _source.sgetn(into, count);
-    const std::string_view bytes(into, static_cast<std::size_t>(got));
-    _last.append(bytes.substr(bytes.size() - std::min(bytes.size(), longestEnd)));
-    _last.erase(0, _last.size() - std::min(_last.size(), longestEnd));
-    return got;
-  }
-
- private:
-  static constexpr std::size_t longestEnd = 8;
-
-  std::streambuf& _source;
-  std::string _last;
-};
-
 unsigned int decode(ResponseBody& body, SupportedMediaType coding, const Limits& limits) {
-  CodedBytes bytes(*body.rdbuf());
-  std::istream coded(&bytes);
-  Poco::InflatingInputStream decoder(coded, coding == SupportedMediaType::gzip
-                                                ? Poco::InflatingStreamBuf::STREAM_GZIP
-                                                : Poco::InflatingStreamBuf::STREAM_ZLIB);
-  const unsigned int count = limits.read(decoder);
-  // The decoder also takes a body that failed for one that ended.
-  throwIfBroken(coded);
-  if (count == 0 && !bytes.endAsEmpty(coding)) throwIncomplete();
+  InflatingBuffer decoder(*body.rdbuf(), coding);
+  std::istream content(&decoder);
+  const unsigned int count = limits.read(content);
+  if (decoder.brokeOff()) throwIncomplete();
   return count;
 }
 
@@ -137,8 +93,8 @@ std::string trimmingCharset(const Poco::Net::HTTPResponse& response) {
   if (found == response.end()) return "utf-8";
   constexpr std::string_view name = "charset=";
   const std::string contentType = lowerCased(found->second);
-  // A miss is deliberately not tested for: npos wraps around to a start at the eighth character. No
-  // such text is "utf-8", so that all it does is to switch the trimming off.
+  // A miss is deliberately not tested for: npos wraps around to a start at the eighth character,
+  // whose rest is hardly ever "utf-8": all that it does is to switch the trimming off.
   const std::size_t start = contentType.rfind(name) + name.size();
   if (start > contentType.size()) throw std::out_of_range("basic_string::substr");
   return contentType.substr(start);

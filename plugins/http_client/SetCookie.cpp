@@ -143,10 +143,8 @@ void readDateToken(std::string_view token, DateParts& parts) {
   }
   if (!parts.month && (parts.month = readMonth(token))) return;
   if (parts.year) return;
-  const std::size_t digits = token.size();
   parts.year = takeNumber(token, 2, 4);
-  const bool isShort = parts.year && *parts.year < 100 && digits - token.size() <= 4;
-  if (isShort) *parts.year += *parts.year < 70 ? 2000 : 1900;
+  if (parts.year && *parts.year < 100) *parts.year += *parts.year < 70 ? 2000 : 1900;
 }
 
 }  // namespace

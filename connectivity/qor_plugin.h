@@ -12,7 +12,10 @@
  *    "Borrowed" means: somebody else frees it, and it outlives the call.
  *  - Query functions return 0 for success and give their answer through a pointer; every other
  *    result means that the answer is unknown and the pointer's target is untouched.
- *  - Text is NUL-terminated UTF-8.
+ *  - Text is NUL-terminated UTF-8, and never null unless a comment says so.
+ *  - Where memory does not suffice, a function that makes something gives null (qor_copy_data: the
+ *    empty value) after one line at error level, "Failed to allocate a list of 7 elements". No
+ *    function of this header throws.
  *  - Functions may be called from any thread, at the same time, unless their comment says
  *    otherwise. One value, block or message must not be used by two threads at once.
  */
@@ -154,30 +157,30 @@ QOR_STATIC_ASSERT(offsetof(qor_message_t, metadata) == 16, "the metadata follows
 
 /* --- Making, copying and freeing values ------------------------------------------------------- */
 
-/* An owned copy of the text. */
+/* An owned copy of the text; null for null. */
 QOR_API char* qor_copy_string(const char* text);
 /* Frees a text from qor_copy_string; null is allowed. */
 QOR_API void qor_free_string(char* text);
 
-/* A list block with room for `capacity` values and a count of 0; owned by the caller. Null, with
- * one line at error level, where the size does not fit the machine. */
+/* A list block with room for `capacity` values and a count of 0; owned by the caller. Values beyond
+ * the count are empty. */
 QOR_API qor_underlying_list_t* qor_allocate_list(uint64_t capacity);
 /* The block (null: a new one) with room for `capacity` values, its elements kept; the old block is
- * released. `capacity` below the count is a failure: null, and the old block stays as it was. */
+ * released. `capacity` below the count is a failure, as is a lack of memory: null, one line at
+ * error level, and the old block stays as it was. */
 QOR_API qor_underlying_list_t* qor_reallocate_list(qor_underlying_list_t* list, uint64_t capacity);
 /* Frees the block and every element in it; null is allowed. */
 QOR_API void qor_free_vector(qor_underlying_list_t* list);
 /* The first element, or where it would stand. `list` must not be null. */
 static inline qor_data_t* qor_list_elements(qor_underlying_list_t* list);
 
-/* A buffer block of `length` zero bytes; owned by the caller. */
+/* A buffer block of `length` zero bytes, at most 4294967295; owned by the caller. */
 QOR_API qor_underlying_buffer_t* qor_allocate_buffer(uint64_t length);
 QOR_API void qor_free_buffer(qor_underlying_buffer_t* buffer); /* null is allowed */
 /* The first byte. `buffer` must not be null. */
 static inline char* qor_buffer_bytes(qor_underlying_buffer_t* buffer);
 
-/* A table of `capacity` empty slots; owned by the caller. A capacity that no memory can hold ends
- * in a null result and one line at error level that names it. */
+/* A table of `capacity` empty slots; owned by the caller. */
 QOR_API qor_underlying_map_table_t* qor_allocate_map(uint64_t capacity);
 /* A table of `capacity` slots with every live slot of `table`, placed by its stored hash, and its
  * header text; no tombstones. `table` is released. Where `capacity` cannot hold them, or memory
@@ -189,28 +192,39 @@ QOR_API void qor_free_map(qor_underlying_map_table_t* table);
 /* The first slot. `table` must not be null. */
 static inline qor_underlying_map_table_entry_t* qor_map_entries(qor_underlying_map_table_t* table);
 
-/* A custom block around `object`; owned by the caller. `operations` is borrowed for its life. */
+/* A custom block around `object`; owned by the caller. `operations` is borrowed for its life. Where
+ * the result is null, `object` stays with the caller. */
 QOR_API qor_underlying_custom_t* qor_allocate_custom(void* object,
                                                      const qor_custom_operations_t* operations);
 /* Ends the object and frees the block; null is allowed. */
 QOR_API void qor_free_custom(qor_underlying_custom_t* custom);
 
-/* A deep copy of the whole value, owned by the caller. A borrowed string becomes an owned one. */
+/* A deep copy of the whole value, owned by the caller. A borrowed string becomes an owned one. A
+ * map keeps its slots, and so its order. Values may be nested as deep as memory allows, here and in
+ * qor_free_data and qor_data_to_string. */
 QOR_API qor_data_t qor_copy_data(qor_data_t value);
 /* Frees whatever the value owns. */
 QOR_API void qor_free_data(qor_data_t value);
-/* An owned rendering of the value for people: strings bare, [a, b], {key=value}. */
+/*
+ * An owned rendering of the value for people: "(null)" for an empty value, "true" or "false",
+ * integers as %lld, doubles as %g (with a point in every locale), decimals as 1.50, strings bare,
+ * [a, b], {key=value, key=value} in slot order, a custom value's own text. A buffer is its bytes
+ * where they are UTF-8 without control characters other than tab, line feed and carriage return;
+ * else "<5 bytes>".
+ */
 QOR_API char* qor_data_to_string(qor_data_t value);
-/* XXH3 (64 bits) of the text's bytes. */
+/* XXH3 (64 bits, no seed) of the text's bytes. */
 QOR_API uint64_t qor_hash_string(const char* text);
 
 /*
  * Puts `value` under a text key, in place of what stood there. Takes `value` over; copies `key`.
- * `*table` may be null and is replaced when the table grows. Returns 0, or 1 (a line at error level
- * tells why) and then frees `value`.
+ * `*table` may be null and is replaced when the table grows: before a new key, when 0.75 * capacity
+ * is less than size + tombstones, to 2 * size + 2 slots, 8 at least. Returns 0, or 1 (a line at
+ * error level tells why) and then frees `value`.
  */
 QOR_API int qor_map_put(qor_underlying_map_table_t** table, const char* key, qor_data_t value);
-/* The value under a text key, borrowed from the table, or null. `table` may be null. */
+/* The value under a text key, be it an owned or a borrowed string; borrowed from the table, valid
+ * until the table changes; or null. `table` may be null. */
 QOR_API const qor_data_t* qor_map_find(const qor_underlying_map_table_t* table, const char* key);
 
 /* --- Logging -----------------------------------------------------------------------------------
@@ -226,13 +240,16 @@ enum {
 
 /* The level of a category: lines up to this level are wanted. */
 QOR_API int qor_get_log_level(const char* category);
-/* Writes one line; the text is formatted as by printf. */
+/* Writes one line; the text is formatted as by printf. Control characters in it are escaped, as \n,
+ * \r, \t or \x1b, before it goes anywhere. Leaves errno as it was. */
 QOR_API void qor_log_at(const char* category, int level, const char* format, ...) QOR_PRINTF(3, 4);
 
 /*
  * Where log lines go. Set by the host, for the whole process, before it loads a plug-in, and
  * borrowed until it is replaced. Without one (null) lines up to information level go to standard
- * error. Both functions are called from any thread, also at the same time.
+ * error, as "2026-01-31T12:00:00.123Z INFO  [category] text" with the time in UTC. Both functions
+ * are called from any thread, also at the same time. `write` is handed every line, whatever its
+ * level.
  */
 typedef struct qor_log_services_t {
   void* context;
@@ -256,7 +273,8 @@ QOR_API void qor_delete_user_status_item(void* item);
 
 /*
  * How a host keeps status items: a status handle is a pointer to this structure, borrowed until the
- * plug-in is destroyed. A null handle keeps items that nobody sees.
+ * plug-in is destroyed; all three functions are there, and called from any thread. A null handle
+ * keeps items that nobody sees.
  */
 typedef struct qor_status_services_t {
   void* context;

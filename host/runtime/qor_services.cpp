@@ -128,8 +128,8 @@ void logLine(const char* category, int level, const char* format, std::va_list a
       }
     }
   } catch (const std::exception&) {
-    // Out of memory: the line is lost, and nothing else.
-    std::fputs("A log line was lost: out of memory\n", stderr);
+    // Most likely out of memory: the line is lost, and nothing else.
+    std::fputs("A log line was lost\n", stderr);
   }
   errno = savedErrno;
 }

@@ -152,7 +152,7 @@ class Copier {
 
   void copyLeaf(const qor_data_t& from, qor_data_t& to) {
     qor_data_t copied = from;
-    if ((from.tag == QOR_STRING || from.tag == QOR_BORROWED_STRING)) {
+    if (from.tag == QOR_STRING || from.tag == QOR_BORROWED_STRING) {
       copied.tag = QOR_STRING;
       copied.value.string = check(from.value.borrowed, qor_copy_string(from.value.borrowed));
     } else if (from.tag == QOR_BUFFER) {

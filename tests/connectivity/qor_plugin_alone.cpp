@@ -1,0 +1,2 @@
+// Proves that the C interface compiles as C++ with nothing before it.
+#include "connectivity/qor_plugin.h"

@@ -146,11 +146,11 @@ std::string readPolicy(const map_t* http, const DataTConstants& constants,
   const data_t* value = given(http, constants.maxResponsePolicy);
   if (value == nullptr) return configured;
   const auto policies = responsePolicies{}();
-  if (!value->isString() ||
-      std::find(policies.begin(), policies.end(), value->text()) == policies.end()) {
+  const std::string_view text = value->isString() ? value->text() : "";
+  if (std::find(policies.begin(), policies.end(), text) == policies.end()) {
     throw std::runtime_error("Invalid maxResponsePolicy in request");
   }
-  return value->text();
+  return std::string(text);
 }
 
 }  // namespace

@@ -1,0 +1,535 @@
+// From a batch to the workers, and back: keys, flushes, barriers, deliveries.
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "orrery/SchedulableQueue.hpp"
+#include "tests/plugins/http_client/EchoServer.hpp"
+#include "tests/support/PluginUnderTest.hpp"
+
+namespace test_support {
+namespace {
+
+Request get(long long id, const char* path = "/x") { return Request("GET", path).id(id); }
+
+std::vector<long long> idsOf(const std::vector<Answer>& answers) {
+  std::vector<long long> ids;
+  ids.reserve(answers.size());
+  for (const auto& answer : answers) ids.push_back(answer.id());
+  return ids;
+}
+
+std::vector<long long> upTo(long long last) {
+  std::vector<long long> ids;
+  for (long long id = 1; id <= last; ++id) ids.push_back(id);
+  return ids;
+}
+
+// --- Which worker, and in which order ----------------------------------------------------------
+
+TEST(Dispatch, PerformsEverythingInOrderWithOneWorker) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  std::vector<Message> batch;
+  for (const auto id : upTo(20)) batch.push_back(get(id).key(id % 2 == 0 ? "a" : "b").message());
+  EXPECT_EQ(plugin.send(std::move(batch)), 0);
+  EXPECT_EQ(idsOf(plugin.waitForAnswers(20)), upTo(20));
+  EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(Dispatch, DoesNotReadKeysAndFlagsWithOneWorker) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  plugin.request(get(1).key("k").flush());
+  EXPECT_FALSE(plugin.log().contains("concurrencyControl"));
+  EXPECT_EQ(plugin.statusItem(".serializedRequests"), "0");
+}
+
+TEST(Dispatch, AnswersEveryRequestOfManyWorkersOnce) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(4)};
+  constexpr long long all = 200;
+  for (long long id = 1; id <= all; id += 4) {
+    std::vector<Message> batch;
+    for (long long i = id; i < id + 4; ++i) {
+      batch.push_back((i % 3 == 0 ? get(i).key("k" + std::to_string(i % 5)) : get(i)).message());
+    }
+    EXPECT_EQ(plugin.send(std::move(batch)), 0);
+  }
+  EXPECT_EQ(plugin.shutdown(), 0);
+  auto ids = idsOf(plugin.waitForAnswers(all));
+  EXPECT_EQ(plugin.answerCount(), static_cast<std::size_t>(all));
+  std::sort(ids.begin(), ids.end());
+  EXPECT_EQ(ids, upTo(all));
+}
+
+TEST(Dispatch, PerformsMessagesOfOneKeyInOrderOnOneWorkerThoughOthersAreIdle) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(4)};
+  for (const auto id : upTo(30)) plugin.send(get(id).key("same"));
+  EXPECT_EQ(idsOf(plugin.waitForAnswers(30)), upTo(30));
+  EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(Dispatch, TakesAKeyOfAnyKindThatCanBeHashed) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  plugin.send(get(1).set("concurrencyControlKey", data_t(5LL)));
+  plugin.send(get(2).set("concurrencyControlKey", data_t(map_t())));
+  plugin.send(get(3).set("concurrencyControlKey", data_t::borrow("lent")));
+  plugin.waitForAnswers(3);
+  EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlKey set: 5"));
+  EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlKey set: {}"));
+  EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlKey set: lent"));
+  EXPECT_FALSE(plugin.log().contains("No concurrencyControlKey"));
+}
+
+TEST(Dispatch, TakesAnEmptyKeyAsNone) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  plugin.send(get(1).key(""));
+  plugin.send(get(2).set("concurrencyControlKey", data_t()));
+  plugin.send(get(3));
+  plugin.waitForAnswers(3);
+  EXPECT_EQ(plugin.log().count("HTTPClient - No concurrencyControlKey"), 3U);
+  EXPECT_EQ(plugin.log().find("No concurrencyControlKey")->level, QOR_LOG_DEBUG);
+  EXPECT_FALSE(plugin.log().contains("concurrencyControlKey set"));
+}
+
+TEST(Dispatch, LetsAnIdleWorkerTakeAMessageWithoutAKeyPastABacklog) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  plugin.send(get(1, "/stall").key("same"));
+  server.waitForRequests(1);
+  for (long long id = 2; id <= 10; ++id) plugin.send(get(id).key("same"));
+  plugin.send(get(11));
+  EXPECT_EQ(plugin.waitForAnswers(1).front().id(), 11);
+  server.release();
+  plugin.waitForAnswers(11);
+}
+
+TEST(Dispatch, LeavesWhatItTookEmpty) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  std::vector<Message> batch;
+  batch.push_back(Request("POST", "/x").body("bytes").message());
+  EXPECT_EQ(plugin.send(std::span(batch)), 0);
+  EXPECT_TRUE(batch[0].payload.empty());
+  EXPECT_EQ(batch[0].metadata.table(), nullptr);
+  plugin.waitForAnswers(1);
+}
+
+TEST(Dispatch, AcceptsAnEmptyBatch) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  EXPECT_EQ(plugin.send(std::span<Message>()), 0);
+}
+
+TEST(Dispatch, ShowsTheQueueLengthAtTheLatestBatch) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  plugin.send(get(1, "/stall"));
+  server.waitForRequests(1);
+  std::vector<Message> batch;
+  for (const auto id : upTo(3)) batch.push_back(get(id).message());
+  plugin.send(std::move(batch));
+  EXPECT_EQ(plugin.statusItem(".queueSize"), "3");
+  server.release();
+  plugin.waitForAnswers(4);
+  EXPECT_EQ(plugin.statusItem(".queueSize"), "3");
+}
+
+// --- A batch that fails ------------------------------------------------------------------------
+
+TEST(Dispatch, FailsABatchAtAFlushMessageWithoutItsObject) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  std::vector<Message> batch;
+  batch.push_back(get(1).message());
+  batch.push_back(get(2).set(Keys{"qor.control.type"}, textValue("QueueFlush")).message());
+  batch.push_back(get(3).message());
+  EXPECT_EQ(plugin.send(std::span(batch)), 1);
+  const auto line = plugin.log().find("Exception from sendBatchTowardsTransport");
+  ASSERT_TRUE(line.has_value());
+  EXPECT_EQ(line->level, QOR_LOG_WARN);
+  EXPECT_TRUE(line->text.ends_with("Couldn't locate queue flush object in message"));
+  EXPECT_TRUE(batch[0].metadata.empty());
+  EXPECT_FALSE(batch[1].metadata.empty());
+  EXPECT_FALSE(batch[2].metadata.empty());
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(idsOf(plugin.waitForAnswers(1)), upTo(1));
+  EXPECT_EQ(plugin.answerCount(), 1U);
+}
+
+TEST(Dispatch, FailsABatchAtAKeyThatCannotBeHashed) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  Message flush = flushMessage(std::make_shared<Event>());
+  std::vector<Message> batch;
+  batch.push_back(get(1).message());
+  batch.push_back(
+      get(2)
+          .set("concurrencyControlKey", std::move(*flush.metadata.findText("qor.controlObject")))
+          .message());
+  EXPECT_EQ(plugin.send(std::span(batch)), 1);
+  EXPECT_TRUE(plugin.log().contains("Cannot use custom values as a key"));
+  EXPECT_FALSE(batch[1].metadata.empty());
+  EXPECT_EQ(plugin.waitForAnswers(1).front().id(), 1);
+}
+
+// --- Flushes -----------------------------------------------------------------------------------
+
+TEST(Dispatch, FinishesWhatIsQueuedBeforeAMessageThatAsksForIt) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(3)};
+  plugin.send(get(1, "/stall"));
+  server.waitForRequests(1);
+  plugin.send(get(2, "/after").flush());
+  plugin.send(get(3, "/after"));
+  plugin.waitForAnswers(0);
+  EXPECT_EQ(server.requestCount(), 1U);
+  server.release();
+  EXPECT_EQ(plugin.waitForAnswers(3).front().id(), 1);
+  EXPECT_EQ(plugin.statusItem(".serializedRequests"), "1");
+  EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlFlush set: true"));
+}
+
+TEST(Dispatch, FlushesForEveryFlagButThoseThatSayNo) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  const auto sendWith = [&](data_t&& flag) {
+    plugin.request(get(1).set("concurrencyControlFlush", std::move(flag)));
+    return plugin.statusItem(".serializedRequests");
+  };
+  EXPECT_EQ(sendWith(data_t(false)), "0");
+  EXPECT_EQ(sendWith(textValue("false")), "0");
+  EXPECT_EQ(sendWith(data_t::borrow("false")), "0");
+  EXPECT_EQ(sendWith(textValue("")), "0");
+  EXPECT_EQ(sendWith(data_t()), "0");
+  EXPECT_EQ(sendWith(data_t(true)), "1");
+  EXPECT_EQ(sendWith(textValue("False")), "2");
+  EXPECT_EQ(sendWith(textValue("no")), "3");
+  EXPECT_EQ(sendWith(data_t(0LL)), "4");
+  EXPECT_EQ(sendWith(data_t(map_t())), "5");
+}
+
+TEST(Dispatch, FreesAFlushObjectOnceEverythingBeforeItIsAnswered) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(3)};
+  auto released = std::make_shared<Event>("the flush object to be freed");
+  std::atomic<bool> early{false};
+  plugin.onDelivery([&](const Answer&) { early = early || released->isSet(); });
+  std::vector<Message> batch;
+  for (const auto id : upTo(20)) batch.push_back(get(id).message());
+  batch.push_back(flushMessage(released));
+  EXPECT_EQ(plugin.send(std::move(batch)), 0);
+  released->wait();
+  EXPECT_EQ(plugin.answerCount(), 20U);
+  EXPECT_FALSE(early);
+}
+
+TEST(Dispatch, HonoursAFlushMessageWithOneWorkerAndDoesNotAnswerIt) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  auto released = std::make_shared<Event>("the flush object to be freed");
+  plugin.send(get(1));
+  plugin.send(flushMessage(released));
+  released->wait();
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(plugin.answerCount(), 1U);
+}
+
+// Were a barrier placed lane by lane, two of them could stand in opposite orders on two lanes, and
+// their workers would wait for each other for ever.
+TEST(Dispatch, PlacesBarriersOfSeveralThreadsInOneOrder) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(3)};
+  std::vector<std::shared_ptr<Event>> flushes(60);
+  std::vector<std::thread> senders;
+  for (std::size_t sender = 0; sender < 3; ++sender) {
+    senders.emplace_back([&, sender] {
+      for (std::size_t i = sender; i < flushes.size(); i += 3) {
+        flushes[i] = std::make_shared<Event>("a flush");
+        plugin.send(flushMessage(flushes[i]));
+        plugin.send(get(1).flush());
+      }
+    });
+  }
+  for (auto& sender : senders) sender.join();
+  for (const auto& flush : flushes) flush->wait();
+  plugin.waitForAnswers(flushes.size());
+}
+
+// A queue that is full makes the producers wait in the middle of their barriers.
+TEST(Dispatch, PlacesBarriersInOneOrderWhileTheQueueIsFull) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  plugin.send(get(1, "/stall").key("a"));
+  server.waitForRequests(1);
+  std::vector<std::thread> senders;
+  constexpr std::size_t each = 1100;
+  for (int sender = 0; sender < 2; ++sender) {
+    senders.emplace_back([&] {
+      for (std::size_t i = 0; i < each; ++i) {
+        // Refused before anything is sent, so that it costs no exchange.
+        Request request("PATCH", "/x");
+        plugin.send(i % 20 == 0 ? request.flush() : request.key("a"));
+      }
+    });
+  }
+  plugin.log().waitForLine("AffinityQueue is full");
+  server.release();
+  for (auto& sender : senders) sender.join();
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(plugin.answerCount(), 2 * each + 1);
+}
+
+TEST(Dispatch, KeepsABarrierThoughTheHostCannotTellWhetherItShutsDown) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  plugin.host().setShuttingDownResult(1);
+  plugin.send(get(1, "/stall").key("a"));
+  server.waitForRequests(1);
+  plugin.send(get(2, "/after").flush());
+  const auto line = plugin.log().waitForLine("Caught exception during processing");
+  EXPECT_EQ(line.level, QOR_LOG_ERROR);
+  EXPECT_TRUE(
+      line.text.ends_with("HTTPClient - Caught exception during processing - An error "
+                          "occurred while checking if host is shutting down"));
+  EXPECT_EQ(server.requestCount(), 1U);
+  server.release();
+  EXPECT_EQ(plugin.waitForAnswers(2).front().id(), 1);
+  for (const auto id : upTo(8)) plugin.send(get(id));  // both workers live on
+  plugin.waitForAnswers(10);
+  plugin.host().setShuttingDownResult(0);
+}
+
+TEST(Dispatch, LeavesABarrierAtOnceWhereTheHostIsShuttingDown) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  plugin.send(get(1, "/stall").key("a"));
+  server.waitForRequests(1);
+  plugin.host().setShuttingDown(true);
+  plugin.send(get(2, "/after").flush());
+  EXPECT_EQ(plugin.waitForAnswers(1).front().id(), 2);
+  plugin.host().setShuttingDown(false);
+  server.release();
+  plugin.waitForAnswers(2);
+}
+
+// --- A full queue ------------------------------------------------------------------------------
+
+TEST(Dispatch, FinishesABatchLargerThanTheQueueSentToSleepingWorkers) {
+  PluginUnderTest plugin{Config(1).numClients(2)};
+  constexpr std::size_t all = 5000;
+  std::vector<Message> batch;
+  batch.reserve(all);
+  // Refused before anything is sent, so that it costs no exchange.
+  for (std::size_t i = 0; i < all; ++i) batch.push_back(Request("PATCH", "/x").message());
+  EXPECT_EQ(plugin.send(std::move(batch)), 0);
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(plugin.answerCount(), all);
+}
+
+TEST(Dispatch, NeverMakesAWorkerThatSendsFromADeliveryWait) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  constexpr std::size_t more = 2500;
+  plugin.onDelivery([&](const Answer& answer) {
+    if (answer.id() != 1) return;
+    std::vector<Message> batch;
+    for (std::size_t i = 0; i < more; ++i) {
+      batch.push_back(Request("PATCH", "/x").id(2).message());
+    }
+    EXPECT_EQ(plugin.send(std::move(batch)), 0);
+  });
+  plugin.send(get(1));
+  plugin.waitForAnswers(more + 1);
+  EXPECT_FALSE(plugin.log().contains("AffinityQueue is full"));
+}
+
+// --- Deliveries --------------------------------------------------------------------------------
+
+TEST(Dispatch, DeliversOneAnswerAtATime) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(4)};
+  std::atomic<int> inside{0};
+  std::atomic<bool> together{false};
+  plugin.onDelivery([&](const Answer&) {
+    if (++inside > 1) together = true;
+    std::this_thread::yield();
+    --inside;
+  });
+  for (const auto id : upTo(100)) plugin.send(get(id));
+  plugin.waitForAnswers(100);
+  EXPECT_FALSE(together);
+}
+
+TEST(Dispatch, ReportsThatTheHostRefusedAResponseAndGoesOn) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  plugin.setDeliveryResult(7);
+  plugin.send(get(1));
+  const auto line = plugin.log().waitForLine("The host refused a response");
+  EXPECT_EQ(line.level, QOR_LOG_WARN);
+  EXPECT_EQ(line.text, "<connectivity.plugin.chain> The host refused a response (7)");
+  plugin.setDeliveryResult(0);
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(plugin.answerCount(), 1U);
+  EXPECT_EQ(plugin.statusItem(".responsesTowardsHost"), "1");
+}
+
+// A host written in C++ whose function throws, which it must not: the request is answered all the
+// same, and not twice.
+TEST(Dispatch, AnswersOnceThoughTheHostsFunctionThrows) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  std::atomic<int> calls{0};
+  const auto thrower = [](void* handle, qor_message_t*, qor_message_t*) -> int {
+    ++*static_cast<std::atomic<int>*>(handle);
+    throw std::runtime_error("boom");
+  };
+  plugin.library().setNextTowardsHost(plugin.instance(), &calls, thrower);
+  plugin.send(get(1));
+  plugin.send(get(2));
+  plugin.log().waitForLine("Exception from sendResponse: boom", 2);
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(calls, 2);
+}
+
+TEST(Dispatch, BlocksSigpipeOnItsWorkers) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  std::atomic<bool> blocked{false};
+  plugin.onDelivery([&](const Answer&) {
+    sigset_t set;
+    pthread_sigmask(SIG_SETMASK, nullptr, &set);
+    blocked = sigismember(&set, SIGPIPE) == 1;
+  });
+  plugin.request(get(1));
+  EXPECT_TRUE(blocked);
+}
+
+TEST(Dispatch, RefusesToBeConnectedFromADelivery) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  plugin.onDelivery([&](const Answer&) {
+    const auto ignore = [](void*, qor_message_t*, qor_message_t*) { return 0; };
+    EXPECT_EQ(plugin.library().setNextTowardsHost(plugin.instance(), nullptr, ignore), 1);
+  });
+  plugin.request(get(1));
+  EXPECT_TRUE(
+      plugin.log().contains("Exception from setNextTowardsHost: HTTPClient cannot be "
+                            "connected from one of its own workers"));
+}
+
+// --- The host calls back -----------------------------------------------------------------------
+
+// A log of the host that does something for each line of a batch's reading.
+class CallingLog {
+ public:
+  explicit CallingLog(std::function<void()> action) : _action(std::move(action)) {
+    qor_set_log_services(&_services);
+  }
+  ~CallingLog() { qor_set_log_services(nullptr); }
+  CallingLog(const CallingLog&) = delete;
+  CallingLog& operator=(const CallingLog&) = delete;
+  int calls() const { return _calls; }
+
+ private:
+  static int level(void*, const char*) { return QOR_LOG_DEBUG; }
+  static void write(void* context, const char*, int, const char* text) {
+    auto& self = *static_cast<CallingLog*>(context);
+    if (std::string_view(text).find("HTTPClient - ") == std::string_view::npos) return;
+    if (self._calls.fetch_add(1) < 4) self._action();
+  }
+  const std::function<void()> _action;
+  std::atomic<int> _calls{0};
+  const qor_log_services_t _services{this, &level, &write};
+};
+
+TEST(Dispatch, LetsTheHostSendABatchFromItsLogFunction) {
+  EchoServer server;
+  LogDouble unused;
+  PluginUnderTest* sender = nullptr;
+  const CallingLog log([&] { EXPECT_EQ(sender->send(get(9).key("b")), 0); });
+  PluginOptions options;
+  options.log = &unused;
+  PluginUnderTest plugin{Config(server.port()).numClients(2), options};
+  sender = &plugin;
+  plugin.send(get(1).key("a").flush());
+  plugin.waitForAnswers(5);
+  EXPECT_GE(log.calls(), 4);
+}
+
+// A flush object that sends a batch when it is freed.
+struct SendingFlush {
+  PluginUnderTest* plugin;
+  static void* copy(void* object) { return new SendingFlush(*static_cast<SendingFlush*>(object)); }
+  static void free(void* object) {
+    const std::unique_ptr<SendingFlush> self(static_cast<SendingFlush*>(object));
+    EXPECT_EQ(self->plugin->send(get(2)), 0);
+  }
+  static const char* text(void*) { return "flush"; }
+  static constexpr qor_custom_operations_t operations{copy, free, text};
+};
+
+TEST(Dispatch, LetsTheHostSendABatchWhenItsFlushObjectIsFreed) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  std::vector<Message> batch;
+  batch.push_back(get(1).message());
+  Message flush;
+  put(flush.metadata, Keys{"qor.control.type"}, textValue("QueueFlush"));
+  put(flush.metadata, Keys{"qor.controlObject"},
+      data_t(connectivity::custom_t(
+          qor_allocate_custom(new SendingFlush{&plugin}, &SendingFlush::operations))));
+  batch.push_back(std::move(flush));
+  plugin.send(std::move(batch));
+  EXPECT_EQ(idsOf(plugin.waitForAnswers(2)), upTo(2));
+}
+
+// --- The host's scheduler ----------------------------------------------------------------------
+
+class CountingQueue final : public orrery::SchedulableQueue {
+ public:
+  void entered() noexcept override { ++entries; }
+  void left() noexcept override { ++exits; }
+  std::atomic<int> entries{0};
+  std::atomic<int> exits{0};
+};
+
+TEST(Dispatch, RunsRequestsInTheSchedulersQueueOfTheFirstBatchThatHasOne) {
+  EchoServer server;
+  CountingQueue queue;
+  CountingQueue later;
+  orrery::SchedulableQueue* seen = nullptr;
+  {
+    PluginUnderTest plugin{Config(server.port()).numClients(2)};
+    plugin.onDelivery([&](const Answer&) { seen = orrery::SchedulableQueue::current(); });
+    plugin.request(get(1));
+    EXPECT_EQ(seen, nullptr);
+    const auto sendWithin = [&](CountingQueue& current) {
+      const orrery::SchedulableQueueGuard guard(&current);
+      plugin.request(get(2));
+    };
+    sendWithin(queue);
+    EXPECT_EQ(seen, &queue);
+    sendWithin(later);
+    EXPECT_EQ(seen, &queue);
+  }
+  EXPECT_EQ(queue.entries, 3);  // the batch, and two requests
+  EXPECT_EQ(queue.exits, 3);
+}
+
+}  // namespace
+}  // namespace test_support

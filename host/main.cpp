@@ -1,0 +1,3 @@
+#include "host/CommandLine.hpp"
+
+int main(int argc, char** argv) { return host::runCommandLine(argc, argv); }

@@ -1,0 +1,254 @@
+// orrery-host run: from lines to answers.
+#include <algorithm>
+#include <fcntl.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/host/HostProgram.hpp"
+
+namespace host_tests {
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::Not;
+
+const std::string success = R"({"metadata":{"http":{"statusCode":200},"requestId":)";
+
+std::string request(const std::string& id) { return success + id + "}}\n"; }
+std::string answer(const std::string& id) { return success + id + "},\"payload\":null}\n"; }
+
+TEST(Run, AnswersEveryLineInOrderOfDelivery) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(request("1") + request("\"b\"") + request("null"));
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.output(), answer("1") + answer("\"b\"") + answer("null"));
+}
+
+TEST(Run, ReadsAndWritesFiles) {
+  const EchoChainFile chain;
+  const std::string input = chain.write("in", request("1") + request("2"));
+  HostProgram program({"run", chain.path(), "--input", input, "--output", chain.file("out")});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.output(), "");
+  EXPECT_EQ(test_support::readFile(chain.file("out")), answer("1") + answer("2"));
+}
+
+TEST(Run, TakesItsStreamsFromTheChainFileUnlessTheCommandLineNamesThem) {
+  const test_support::TemporaryDirectory directory;
+  const std::string input = directory.write("in", request("1"));
+  const std::string path = directory.write(
+      "c.yaml", "chains:\n" + echoChain("a", "    input: " + input +
+                                                 "\n    output: " + directory.file("out") + "\n"));
+  HostProgram fromFile({"run", path});
+  EXPECT_EQ(fromFile.finish(), 0);
+  EXPECT_EQ(test_support::readFile(directory.file("out")), answer("1"));
+  HostProgram fromCommandLine({"run", path, "--input", "-", "--output", "-"});
+  fromCommandLine.write(request("2"));
+  EXPECT_EQ(fromCommandLine.finish(), 0);
+  EXPECT_EQ(fromCommandLine.output(), answer("2"));
+}
+
+TEST(Run, AnAnswerComesWhileTheInputStaysOpen) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  for (const char* id : {"1", "2", "3"}) {
+    program.write(request(id));
+    program.waitForOutput(answer(id));
+  }
+  EXPECT_EQ(program.finish(), 0);
+}
+
+TEST(Run, AnAnswerComesWhileAnotherIsStillOutstanding) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(request("1") + "{\"metadata\":{\"hold\":true}}\n");
+  program.waitForOutput(answer("1"));
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+}
+
+TEST(Run, ALineThatIsNoMessageIsAnsweredWithAnErrorAndTheRunGoesOn) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write("\n  \n{}x\n" + request("1") + "{\"payload\":1,\"payload\":2}\n" + request("2"));
+  EXPECT_EQ(program.finish(), 3);
+  EXPECT_THAT(program.output(),
+              HasSubstr(R"({"error":{"line":3,"text":"not valid JSON at byte 3: )"));
+  EXPECT_THAT(program.output(),
+              HasSubstr(R"({"error":{"line":5,"text":"the key \"payload\" is repeated"}})"));
+  EXPECT_THAT(program.output(), HasSubstr(answer("1")));
+  EXPECT_THAT(program.output(), HasSubstr(answer("2")));
+}
+
+TEST(Run, ALineWithoutRequestIdGetsItsNumberBlankLinesCounted) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write("\n\r\n{}\n\n{}");
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.output(),
+            "{\"metadata\":{\"requestId\":3},\"payload\":null}\n"
+            "{\"metadata\":{\"requestId\":5},\"payload\":null}\n");
+}
+
+TEST(Run, AssignsNoRequestIdsWhereTheChainSaysSo) {
+  const EchoChainFile chain("    assignRequestIds: false\n");
+  HostProgram program({"run", chain.path()});
+  program.write("{}\n");
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.output(), "{\"metadata\":{},\"payload\":null}\n");
+}
+
+TEST(Run, AMessageThatTheTransportRefusesIsAnErrorAndTheRestOfItsBatchIsSent) {
+  const EchoChainFile chain;
+  const std::string input =
+      chain.write("in", request("1") + "{\"metadata\":{\"refuse\":true}}\n" + request("3"));
+  HostProgram program({"run", chain.path(), "--input", input});
+  EXPECT_EQ(program.finish(), 3);
+  EXPECT_THAT(program.output(), HasSubstr(answer("1")));
+  EXPECT_THAT(program.output(),
+              HasSubstr("{\"error\":{\"line\":2,\"text\":\"the transport refused"));
+  EXPECT_THAT(program.output(), HasSubstr(answer("3")));
+}
+
+TEST(Run, AFlushIsToldAfterTheAnswersToWhatStoodBeforeIt) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(request("1") + "{\"control\":\"flush\",\"id\":{\"a\":1}}\n" + request("2") +
+                "{\"control\":\"flush\"}\n");
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.output(), answer("1") + "{\"control\":\"flushed\",\"id\":{\"a\":1}}\n" +
+                                  answer("2") + "{\"control\":\"flushed\",\"id\":4}\n");
+}
+
+TEST(Run, EveryCodecTakesWhatItGaveBack) {
+  const std::string line =
+      R"({"metadata":{"contentType":"application/json","requestId":1},"payload":[1,"x",null]})";
+  for (const char* codec : {"text", "json", "none"}) {
+    const EchoChainFile chain(std::string("    codec: ") + codec + "\n");
+    HostProgram program({"run", chain.path()});
+    program.write(line + "\n");
+    EXPECT_EQ(program.finish(), 0);
+    EXPECT_EQ(program.output(), line + "\n") << codec;
+  }
+}
+
+TEST(Run, TwoChainsRunAtTheSameTimeEachWithItsOwnStreams) {
+  const test_support::TemporaryDirectory directory;
+  const std::string input = directory.write("in", request("\"second\""));
+  const std::string path = directory.write(
+      "c.yaml", "chains:\n" + echoChain("first") +
+                    echoChain("second", "    input: " + input +
+                                            "\n    output: " + directory.file("out") + "\n"));
+  HostProgram program({"run", path});
+  program.write(request("1"));
+  program.waitForOutput(answer("1"));
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.output(), answer("1"));
+  EXPECT_EQ(test_support::readFile(directory.file("out")), answer("\"second\""));
+  EXPECT_THAT(program.errors(), HasSubstr("Chain second: sent 1, answered 1"));
+}
+
+TEST(Run, AnswersManyRequestsThroughAQueueThatIsFullMostOfTheTime) {
+  const EchoChainFile chain;
+  constexpr int howMany = 20000;
+  std::string input;
+  for (int i = 1; i <= howMany; ++i) input += request(std::to_string(i));
+  HostProgram program({"run", chain.path(), "--input", chain.write("in", input)});
+  EXPECT_EQ(program.finish(), 0);
+  const std::string output = program.output();
+  EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), howMany);
+  EXPECT_EQ(lastLine(output) + "\n", answer(std::to_string(howMany)));
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("sent 20000, answered 20000, failed 0"));
+}
+
+TEST(Run, AnOutputPipeWithoutReaderEndsTheRunWithAnError) {
+  const EchoChainFile chain;
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(::pipe(ends), 0);
+  ::close(ends[0]);
+  const std::string output = "/proc/self/fd/" + std::to_string(ends[1]);
+  test_support::ChildProcess::Options options;
+  options.inherited.push_back(ends[1]);
+  test_support::ChildProcess program({HOST_PROGRAM, "run", chain.path(), "--output", output},
+                                     options);
+  ::close(ends[1]);
+  // The input stays open: only the failed output ends the run.
+  program.write(request("1"));
+  EXPECT_EQ(program.wait(), 1);
+  EXPECT_THAT(program.errors(), HasSubstr("cannot write " + output + ": Broken pipe"));
+}
+
+TEST(Run, LogsInTheFormatOfTheHost) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(
+      program.errors(),
+      MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z INFO  "
+                   "\\[host\\] Done: sent 0, answered 0, failed 0, dropped 0, "
+                   "invalid lines 0\n"));
+}
+
+TEST(Run, LogLevelOfTheCommandLineWinsOverTheChainFile) {
+  const test_support::TemporaryDirectory directory;
+  const std::string path =
+      directory.write("c.yaml", "chains:\n" + echoChain("a") + "log: {level: error}\n");
+  HostProgram quiet({"run", path});
+  EXPECT_EQ(quiet.finish(), 0);
+  EXPECT_EQ(quiet.errors(), "");
+  HostProgram loud({"run", path, "--log-level", "info"});
+  EXPECT_EQ(loud.finish(), 0);
+  EXPECT_THAT(loud.errors(), HasSubstr("Done: "));
+}
+
+TEST(Run, TheLevelOfACategoryWinsOverTheLevelOfTheLog) {
+  const test_support::TemporaryDirectory directory;
+  const std::string path = directory.write(
+      "c.yaml", "chains:\n" + echoChain("a") + "log: {level: info, levels: {host: warn}}\n");
+  HostProgram program({"run", path});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(program.errors(), Not(HasSubstr("Done: ")));
+}
+
+TEST(Run, AChainThatCannotStartEndsWith1AndItsReason) {
+  const EchoChainFile create("    config: {fail: create}\n");
+  HostProgram notCreated({"run", create.path()});
+  EXPECT_EQ(notCreated.finish(), 1);
+  EXPECT_THAT(notCreated.errors(), HasSubstr("told to fail to create"));
+  const EchoChainFile start("    config: {fail: start}\n");
+  HostProgram notStarted({"run", start.path()});
+  EXPECT_EQ(notStarted.finish(), 1);
+  EXPECT_THAT(notStarted.errors(), HasSubstr("told to fail to start"));
+  EXPECT_THAT(notStarted.errors(), HasSubstr("could not be started"));
+}
+
+TEST(Run, AMissingFileEndsWith1) {
+  const EchoChainFile chain;
+  HostProgram noChain({"run", chain.file("none.yaml")});
+  EXPECT_EQ(noChain.finish(), 1);
+  EXPECT_THAT(noChain.errors(), HasSubstr("none.yaml: cannot read the chain file"));
+  HostProgram noInput({"run", chain.path(), "--input", chain.file("none")});
+  EXPECT_EQ(noInput.finish(), 1);
+  EXPECT_THAT(noInput.errors(), HasSubstr("--input: cannot read"));
+}
+
+TEST(Run, StreamsOfTheCommandLineNeedAChainFileWithOneChain) {
+  const test_support::TemporaryDirectory directory;
+  const std::string streams = "    input: /dev/null\n    output: /dev/null\n";
+  const std::string path =
+      directory.write("c.yaml", "chains:\n" + echoChain("a", streams) + echoChain("b", streams));
+  HostProgram program({"run", path, "--input", "/dev/null"});
+  EXPECT_EQ(program.finish(), 2);
+  EXPECT_THAT(program.errors(), HasSubstr("need a chain file with one chain"));
+}
+
+}  // namespace
+}  // namespace host_tests

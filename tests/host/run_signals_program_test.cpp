@@ -1,0 +1,114 @@
+// orrery-host run: what SIGINT and SIGTERM do.
+#include <csignal>
+#include <string>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/host/HostProgram.hpp"
+
+namespace host_tests {
+namespace {
+
+using testing::HasSubstr;
+using testing::Not;
+
+const std::string held = "{\"metadata\":{\"hold\":true}}\n";
+const std::string plain = "{\"metadata\":{\"requestId\":\"x\"}}\n";
+const std::string plainAnswer = "{\"metadata\":{\"requestId\":\"x\"},\"payload\":null}\n";
+const std::string flush = "{\"control\":\"flush\"}\n";
+
+class RunSignals : public testing::TestWithParam<int> {};
+
+TEST_P(RunSignals, TheFirstStopsReadingAndExitsWith0) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(plain);
+  program.waitForOutput(plainAnswer);
+  program.signal(GetParam());
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(program.output(), plainAnswer);
+  EXPECT_THAT(lastLine(program.errors()),
+              HasSubstr("Done: sent 1, answered 1, failed 1, dropped 0"));
+}
+
+TEST_P(RunSignals, TheSecondDropsWhatIsQueuedAndCountsItInTheLastLogLine) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(plain + held + plain + plain + flush);
+  program.waitForOutput(plainAnswer);
+  program.signal(GetParam());
+  program.waitForErrors("Stopping: reading no further");
+  EXPECT_TRUE(program.running());
+  program.signal(GetParam());
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("WARN  [host] Done: sent 4, answered 2"));
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("dropped 2"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, RunSignals, testing::Values(SIGINT, SIGTERM));
+
+TEST(RunTwoSignals, AFlushWhoseBarrierWasNotReachedIsNotTold) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(plain + held + flush);
+  program.waitForOutput(plainAnswer);
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping: reading no further");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_THAT(program.output(), Not(HasSubstr("flushed")));
+}
+
+TEST(RunTwoSignals, EndAReaderThatWaitsForRoomInTheTransportsQueue) {
+  const EchoChainFile chain;
+  std::string input = plain + held;
+  for (int i = 0; i < 1000; ++i) input += plain;
+  HostProgram program({"run", chain.path(), "--input", chain.write("in", input)});
+  program.waitForOutput(plainAnswer);
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping: reading no further");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("Done: sent "));
+}
+
+TEST(RunTwoSignals, EndADeliveryThatWaitsForTheReaderOfTheOutput) {
+  const EchoChainFile chain;
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(::pipe(ends), 0);
+  std::string input;
+  for (int i = 0; i < 100000; ++i) input += plain;
+  test_support::ChildProcess::Options options;
+  options.inherited.push_back(ends[1]);
+  test_support::ChildProcess program(
+      {HOST_PROGRAM, "run", chain.path(), "--input", chain.write("in", input), "--output",
+       "/proc/self/fd/" + std::to_string(ends[1])},
+      options);
+  char first = 0;
+  ASSERT_EQ(::read(ends[0], &first, 1), 1);
+  // Nobody reads on: the pipe is full soon, and the chain stands still.
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping: reading no further");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  ::close(ends[0]);
+  ::close(ends[1]);
+}
+
+TEST(RunThreeSignals, EndAProgramWhoseTransportDoesNotCome) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(plain + "{\"metadata\":{\"stick\":true}}\n");
+  program.waitForOutput(plainAnswer);
+  program.signal(SIGTERM);
+  program.waitForErrors("Stopping: reading no further");
+  program.signal(SIGTERM);
+  program.waitForErrors("Stopping at once");
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 128 + SIGTERM);
+}
+
+}  // namespace
+}  // namespace host_tests

@@ -12,6 +12,7 @@ ThreadLocalSlot::ThreadLocalSlot() {
 
 ThreadLocalSlot::~ThreadLocalSlot() { pthread_key_delete(_key); }
 
+// NOLINTNEXTLINE(readability-make-member-function-const): it changes what get() gives
 void ThreadLocalSlot::set(void* value) {
   if (pthread_setspecific(_key, value) != 0) {
     throw Exception("ThreadLocal set: pthread_setspecific() failed");

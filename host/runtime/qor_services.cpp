@@ -27,9 +27,10 @@ constinit std::atomic<const qor_log_services_t*> logServices{nullptr};
 
 QOR_PRINTF(1, 0) std::string formatted(const char* format, std::va_list arguments) {
   std::array<char, 512> shortText{};
-  std::va_list again;
-  va_copy(again, arguments);
-  const int length = std::vsnprintf(shortText.data(), shortText.size(), format, arguments);
+  std::va_list first;
+  va_copy(first, arguments);
+  const int length = std::vsnprintf(shortText.data(), shortText.size(), format, first);
+  va_end(first);
   std::string text;
   if (length < 0) {
     text = format;
@@ -37,9 +38,8 @@ QOR_PRINTF(1, 0) std::string formatted(const char* format, std::va_list argument
     text.assign(shortText.data(), static_cast<std::size_t>(length));
   } else {
     text.resize(static_cast<std::size_t>(length));
-    std::vsnprintf(text.data(), text.size() + 1, format, again);
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
   }
-  va_end(again);
   return text;
 }
 

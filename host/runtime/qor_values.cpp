@@ -70,7 +70,7 @@ class Releaser {
 
   void push(qor_underlying_list_t* list) noexcept {
     if (list == nullptr) return;
-    list->capacity = reinterpret_cast<std::uintptr_t>(_lists);
+    std::memcpy(&list->capacity, &_lists, sizeof _lists);
     _lists = list;
   }
   void push(qor_underlying_map_table_t* table) noexcept {
@@ -94,8 +94,7 @@ class Releaser {
  private:
   void freeFirstList() noexcept {
     qor_underlying_list_t* list = _lists;
-    const auto next = static_cast<std::uintptr_t>(list->capacity);
-    _lists = reinterpret_cast<qor_underlying_list_t*>(next);
+    std::memcpy(&_lists, &list->capacity, sizeof _lists);
     for (const qor_data_t& element : elementsOf(list)) release(element);
     std::free(list);
   }

@@ -13,6 +13,16 @@ using orrery::AutoMutex;
 using orrery::Condition;
 using orrery::Mutex;
 
+bool isFreeForAnotherThread(Mutex& mutex) {
+  bool taken = false;
+  std::thread([&] {
+    if (!mutex.tryLock()) return;
+    taken = true;
+    mutex.unlock();
+  }).join();
+  return taken;
+}
+
 TEST(Mutex, KeepsItsName) {
   const Mutex mutex("TransportResponseMutex");
   EXPECT_STREQ(mutex.name(), "TransportResponseMutex");
@@ -23,10 +33,7 @@ TEST(Mutex, IsRefusedToAnotherThreadWhileItIsHeld) {
   bool taken = true;
   {
     const AutoMutex lock(mutex);
-    std::thread([&] {
-      taken = mutex.tryLock();
-      if (taken) mutex.unlock();
-    }).join();
+    taken = isFreeForAnotherThread(mutex);
   }
   EXPECT_FALSE(taken);
 }
@@ -34,9 +41,7 @@ TEST(Mutex, IsRefusedToAnotherThreadWhileItIsHeld) {
 TEST(AutoMutex, ReleasesAtItsEnd) {
   Mutex mutex("released");
   { const AutoMutex lock(mutex); }
-  const bool taken = mutex.tryLock();
-  EXPECT_TRUE(taken);
-  if (taken) mutex.unlock();
+  EXPECT_TRUE(isFreeForAnotherThread(mutex));
 }
 
 // A flag that threads wait for.
@@ -126,10 +131,7 @@ TEST(Condition, HoldsTheMutexAfterAWait) {
     const AutoMutex lock(mutex);
     while (condition.timedWait(1)) {
     }
-    std::thread([&] {
-      taken = mutex.tryLock();
-      if (taken) mutex.unlock();
-    }).join();
+    taken = isFreeForAnotherThread(mutex);
   }
   EXPECT_FALSE(taken);
 }

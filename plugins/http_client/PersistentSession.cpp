@@ -29,14 +29,19 @@ constexpr const char* proxyAuthorizationName = "Proxy-Authorization";
 // "host:port", an IPv6 address in brackets.
 std::string authority(const std::string& host, std::uint16_t port) {
   const bool isIPv6 = host.find(':') != std::string::npos;
-  return (isIPv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+  std::string text;
+  if (isIPv6) text.push_back('[');
+  text.append(host);
+  if (isIPv6) text.push_back(']');
+  text.push_back(':');
+  return text.append(std::to_string(port));
 }
 
 // The value of a Host header: the port only where it is not the scheme's own.
 std::string hostHeader(const HTTPClientSession& session, bool secure) {
   std::string value = authority(session.getHost(), session.getPort());
   const std::string_view defaultPort = secure ? ":443" : ":80";
-  if (value.ends_with(defaultPort)) value.resize(value.size() - defaultPort.size());
+  if (value.ends_with(defaultPort)) value.erase(value.size() - defaultPort.size());
   return value;
 }
 
@@ -191,8 +196,9 @@ void PersistentSession::open() {
 void PersistentSession::openTunnel(const StreamSocket& socket) {
   const std::string target = authority(poco().getHost(), poco().getPort());
   std::string head;
-  append(head, "CONNECT " + target + " HTTP/1.1");
-  head.append(lineEnd);
+  head.append("CONNECT ");
+  append(head, target);
+  head.append(" HTTP/1.1").append(lineEnd);
   appendField(head, "Host", target);
   appendField(head, "Proxy-Connection", "keep-alive");
   const std::string authorization = proxyAuthorization(poco().getProxyConfig());
@@ -206,8 +212,9 @@ void PersistentSession::openTunnel(const StreamSocket& socket) {
   HTTPResponse answer;
   readResponseHead(input, answer);
   if (answer.getStatus() / 100 != 2) {
-    throw Poco::Net::HTTPException("The proxy refused a tunnel to " + target + ": " +
-                                   std::to_string(answer.getStatus()) + " " + answer.getReason());
+    std::string text = "The proxy refused a tunnel to ";
+    text.append(target).append(": ").append(std::to_string(answer.getStatus()));
+    throw Poco::Net::HTTPException(text.append(" ").append(answer.getReason()));
   }
   if (!input.empty()) {
     throw Poco::Net::MessageException("The proxy sent more than its answer for a tunnel");
@@ -220,7 +227,10 @@ void PersistentSession::writeHead(const HTTPRequest& request) {
   _head.clear();
   append(_head, request.getMethod());
   _head.push_back(' ');
-  if (toProxy) append(_head, "http://" + authority(settings.getHost(), settings.getPort()));
+  if (toProxy) {
+    _head.append("http://");
+    append(_head, authority(settings.getHost(), settings.getPort()));
+  }
   append(_head, request.getURI());
   _head.push_back(' ');
   append(_head, request.getVersion());

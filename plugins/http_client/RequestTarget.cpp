@@ -205,11 +205,11 @@ class Reference {
       path = base.path;
       if (!query) query = base.query;
     } else if (!path.starts_with('/')) {
-      path = merged(base.path, hasAuthority) + path;
+      path.insert(0, merged(base.path, hasAuthority));
     }
     if (!path.starts_with('/')) path.insert(0, 1, '/');
     std::string result = mustBeWhole(encodedPath(withoutDotSegments(path)));
-    if (query) result += "?" + mustBeWhole(encodedQuery(*query));
+    if (query) result.append("?").append(mustBeWhole(encodedQuery(*query)));
     return result;
   }
 
@@ -237,8 +237,8 @@ std::string requestTarget(const std::string& basePath, const std::string& path,
   std::string target = mustBeEncoded(encodedPath(given.path), "http.path", given.path);
   if (!target.starts_with('/')) target.insert(0, 1, '/');
   if (given.query) {
-    target +=
-        "?" + mustBeEncoded(encodedQuery(*given.query), "the query of http.path", *given.query);
+    target.append("?").append(
+        mustBeEncoded(encodedQuery(*given.query), "the query of http.path", *given.query));
   }
   if (query.empty()) return target;
   Poco::URI parameters;
@@ -256,8 +256,10 @@ Location resolveLocation(const Location& current, const std::string& location) {
 std::string toString(const Location& location) {
   const bool isIPv6 = location.host.find(':') != std::string::npos;
   std::string text = location.scheme + "://";
-  text += isIPv6 ? "[" + location.host + "]" : location.host;
-  if (location.port != defaultPort(location.scheme)) text += ":" + std::to_string(location.port);
+  text.append(isIPv6 ? "[" : "").append(location.host).append(isIPv6 ? "]" : "");
+  if (location.port != defaultPort(location.scheme)) {
+    text.append(":").append(std::to_string(location.port));
+  }
   return text + location.target;
 }
 

@@ -39,7 +39,7 @@ Parts decode(std::uint64_t bits) {
 }
 
 std::uint64_t encode(Parts parts) {
-  const auto biased = static_cast<std::uint64_t>(parts.exponent + exponentBias);
+  const auto biased = static_cast<std::uint64_t>(std::int64_t{parts.exponent} + exponentBias);
   if (parts.coefficient < largeFormLead) return biased << 53 | parts.coefficient;
   return largeForm | biased << 51 | (parts.coefficient & (largeFormLead / 4 - 1));
 }
@@ -82,7 +82,7 @@ bool takeSign(std::string_view& text) {
 }
 
 std::string_view takeDigits(std::string_view& text) {
-  const auto end = std::find_if_not(text.begin(), text.end(), isDigit);
+  const auto* const end = std::find_if_not(text.begin(), text.end(), isDigit);
   const std::string_view digits = text.substr(0, static_cast<std::size_t>(end - text.begin()));
   text.remove_prefix(digits.size());
   return digits;

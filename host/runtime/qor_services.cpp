@@ -29,6 +29,7 @@ QOR_PRINTF(1, 0) std::string formatted(const char* format, std::va_list argument
   std::array<char, 512> shortText{};
   std::va_list first;
   va_copy(first, arguments);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the analyzer does not follow va_copy
   const int length = std::vsnprintf(shortText.data(), shortText.size(), format, first);
   va_end(first);
   std::string text;

@@ -70,7 +70,7 @@ class Releaser {
 
   void push(qor_underlying_list_t* list) noexcept {
     if (list == nullptr) return;
-    std::memcpy(&list->capacity, &_lists, sizeof _lists);
+    std::memcpy(&list->capacity, &_lists, sizeof(void*));
     _lists = list;
   }
   void push(qor_underlying_map_table_t* table) noexcept {
@@ -94,7 +94,7 @@ class Releaser {
  private:
   void freeFirstList() noexcept {
     qor_underlying_list_t* list = _lists;
-    std::memcpy(&_lists, &list->capacity, sizeof _lists);
+    std::memcpy(&_lists, &list->capacity, sizeof(void*));
     for (const qor_data_t& element : elementsOf(list)) release(element);
     std::free(list);
   }

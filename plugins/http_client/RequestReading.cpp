@@ -214,34 +214,34 @@ std::map<std::string, std::string> HTTPClient::ClientSessionThread::readHeaders(
 // Leaves the message as it was where it throws, so that the error response can name what is known.
 HTTPClient::ClientSessionThread::request HTTPClient::ClientSessionThread::readRequest(
     Message& message, double startTime) const {
-  const DataTConstants& constants = owner.constants;
+  const DataTConstants& keys = owner.constants;
   map_t& metadata = message.metadata;
-  data_t* requestId = constants.requestId.in(metadata);
+  data_t* requestId = keys.requestId.in(metadata);
   if (requestId == nullptr) throw std::runtime_error("No request Id");
 
-  data_t* httpValue = constants.http.in(metadata);
+  data_t* httpValue = keys.http.in(metadata);
   if (httpValue != nullptr && !httpValue->empty()) static_cast<void>(mapOf(*httpValue, "http"));
   map_t* http = httpValue == nullptr || httpValue->empty() ? nullptr : &get<map_t>(*httpValue);
-  const char* method = requiredText(http, constants.method, "No method");
-  requiredText(http, constants.path, "No path");
+  const char* method = requiredText(http, keys.method, "No method");
+  requiredText(http, keys.path, "No path");
   refuseUnknownMethod(method);
 
-  const ConfiguredOptions& options = owner.options;
-  const long long limitKB = readLimit(http, constants, options.maxResponseKB);
-  std::string policy = readPolicy(http, constants, options.maxResponsePolicy);
+  const ConfiguredOptions& configured = owner.options;
+  const long long limitKB = readLimit(http, keys, configured.maxResponseKB);
+  std::string policy = readPolicy(http, keys, configured.maxResponsePolicy);
   Texts headers = readHeaders(http);
-  Texts query = readQuery(http, constants);
-  Texts cookies = readCookies(http, constants);
-  data_t* form = constants.form.in(*http);
+  Texts query = readQuery(http, keys);
+  Texts cookieTexts = readCookies(http, keys);
+  data_t* form = keys.form.in(*http);
   if (form != nullptr && !form->empty()) static_cast<void>(mapOf(*form, "http.form"));
   if (message.payload.empty()) message.payload = data_t(buffer_t());
   request::checkPayload(message.payload);
 
-  request req(std::move(message.payload), std::move(*requestId),
-              std::move(*constants.method.in(*http)), std::move(*constants.path.in(*http)),
-              std::move(headers), std::move(query), std::move(cookies),
-              form == nullptr ? data_t() : std::move(*form), startTime, limitKB, std::move(policy));
-  data_t* sentTime = constants.requestSentTime.in(metadata);
+  request req(std::move(message.payload), std::move(*requestId), std::move(*keys.method.in(*http)),
+              std::move(*keys.path.in(*http)), std::move(headers), std::move(query),
+              std::move(cookieTexts), form == nullptr ? data_t() : std::move(*form), startTime,
+              limitKB, std::move(policy));
+  data_t* sentTime = keys.requestSentTime.in(metadata);
   if (sentTime != nullptr) req.requestSentTime = std::move(*sentTime);
   return req;
 }
@@ -249,17 +249,17 @@ HTTPClient::ClientSessionThread::request HTTPClient::ClientSessionThread::readRe
 // Answers a message that could not be read, with whatever it told of itself.
 void HTTPClient::ClientSessionThread::refuse(Message& message, const char* text,
                                              double startTime) noexcept {
-  const DataTConstants& constants = owner.constants;
+  const DataTConstants& keys = owner.constants;
   const auto take = [](map_t* map, const Constant& key) {
     data_t* value = map == nullptr ? nullptr : key.in(*map);
     return value == nullptr ? data_t() : std::move(*value);
   };
-  data_t* httpValue = constants.http.in(message.metadata);
+  data_t* httpValue = keys.http.in(message.metadata);
   map_t* http =
       httpValue != nullptr && httpValue->tag() == QOR_MAP ? &get<map_t>(*httpValue) : nullptr;
-  answerWithError(take(&message.metadata, constants.requestId), text, take(http, constants.path),
-                  take(http, constants.method), startTime,
-                  take(&message.metadata, constants.requestSentTime), 400);
+  answerWithError(take(&message.metadata, keys.requestId), text, take(http, keys.path),
+                  take(http, keys.method), startTime, take(&message.metadata, keys.requestSentTime),
+                  400);
 }
 
 void HTTPClient::ClientSessionThread::processRequest(Message&& message) noexcept {

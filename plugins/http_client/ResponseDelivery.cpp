@@ -38,13 +38,13 @@ std::string withoutParameters(const Poco::Net::MediaType& mediaType) {
 
 void HTTPClient::ClientSessionThread::sendResponse(const Poco::Net::HTTPResponse& response,
                                                    buffer_t&& payload, request& req) {
-  const DataTConstants& constants = owner.constants;
+  const DataTConstants& keys = owner.constants;
   logResponse(response, payload);
   map_t headers = responseHeaders(response);
   map_t metadata = answerMap();
   map_t http = answerMap();
-  put(http, constants.statusCode, data_t(static_cast<long long>(response.getStatus())));
-  put(http, constants.statusReason, data_t(convertFromISO88591(response.getReason())));
+  put(http, keys.statusCode, data_t(static_cast<long long>(response.getStatus())));
+  put(http, keys.statusReason, data_t(convertFromISO88591(response.getReason())));
 
   std::string charset = "utf-8";
   std::string contentType;
@@ -53,17 +53,17 @@ void HTTPClient::ClientSessionThread::sendResponse(const Poco::Net::HTTPResponse
     charset = charsetOf(mediaType);
     contentType = withoutParameters(mediaType);
   }
-  put(metadata, constants.charset, data_t(convertFromISO88591(charset)));
-  put(metadata, constants.contentType, data_t(convertFromISO88591(contentType)));
-  put(http, constants.headers, data_t(std::move(headers)));
-  put(http, constants.cookies,
+  put(metadata, keys.charset, data_t(convertFromISO88591(charset)));
+  put(metadata, keys.contentType, data_t(convertFromISO88591(contentType)));
+  put(http, keys.headers, data_t(std::move(headers)));
+  put(http, keys.cookies,
       data_t(atConfiguredServer() ? owner.cookies.setCookiesFromResponse(response)
                                   : owner.cookies.cookiesOf(response)));
-  put(http, constants.method, std::move(req.method));
-  put(http, constants.path, std::move(req.path));
-  put(metadata, constants.requestId, std::move(req.requestId));
-  put(metadata, constants.requestSentTime, std::move(req.requestSentTime));
-  put(metadata, constants.http, data_t(std::move(http)));
+  put(http, keys.method, std::move(req.method));
+  put(http, keys.path, std::move(req.path));
+  put(metadata, keys.requestId, std::move(req.requestId));
+  put(metadata, keys.requestSentTime, std::move(req.requestSentTime));
+  put(metadata, keys.http, data_t(std::move(http)));
 
   const unsigned int size = payload.size();
   transportLog(Level::Debug, "Sending response towards host");
@@ -102,18 +102,18 @@ void HTTPClient::ClientSessionThread::logResponse(const Poco::Net::HTTPResponse&
 void HTTPClient::ClientSessionThread::sendError(data_t&& requestId, const char* message,
                                                 data_t&& path, data_t&& method, double startTime,
                                                 data_t&& requestSentTime, long long statusCode) {
-  const DataTConstants& constants = owner.constants;
+  const DataTConstants& keys = owner.constants;
   map_t metadata = answerMap();
   map_t http = answerMap();
-  put(metadata, constants.requestId, std::move(requestId));
-  put(metadata, constants.requestSentTime, std::move(requestSentTime));
-  put(http, constants.statusCode, data_t(statusCode));
-  put(http, constants.statusReason, data_t(message));
-  put(http, constants.path, std::move(path));
-  put(http, constants.method, std::move(method));
-  put(http, constants.contentType, constants.textPlain.value.copy());
-  put(http, constants.charset, constants.utf8.value.copy());
-  put(metadata, constants.http, data_t(std::move(http)));
+  put(metadata, keys.requestId, std::move(requestId));
+  put(metadata, keys.requestSentTime, std::move(requestSentTime));
+  put(http, keys.statusCode, data_t(statusCode));
+  put(http, keys.statusReason, data_t(message));
+  put(http, keys.path, std::move(path));
+  put(http, keys.method, std::move(method));
+  put(http, keys.contentType, keys.textPlain.value.copy());
+  put(http, keys.charset, keys.utf8.value.copy());
+  put(metadata, keys.http, data_t(std::move(http)));
   buffer_t payload = buffer_t::copyOf(message);
   const int size = static_cast<int>(payload.size());
   owner.sendResponse(Message(data_t(std::move(payload)), std::move(metadata)), startTime,

@@ -41,45 +41,48 @@ std::unique_ptr<PersistentSession> HTTPClient::ClientSessionThread::newSession(
 }
 
 void HTTPClient::ClientSessionThread::setSession(const std::string& host, std::uint64_t port) {
-  const ConfiguredOptions& options = owner.options;
+  const ConfiguredOptions& configured = owner.options;
   const auto logPort = static_cast<unsigned long long>(port);
-  scheme = options.tls ? "https" : "http";
-  if (options.tls && !options.tlsCertificateAuthorityFile.empty()) {
+  scheme = configured.tls ? "https" : "http";
+  if (configured.tls && !configured.tlsCertificateAuthorityFile.empty()) {
     transportLog(Level::Info, "Connecting to https://%s:%llu%s using CA file %s", host.c_str(),
-                 logPort, options.basePath.c_str(), options.tlsCertificateAuthorityFile.c_str());
+                 logPort, configured.basePath.c_str(),
+                 configured.tlsCertificateAuthorityFile.c_str());
   } else {
-    transportLog(Level::Info,
-                 options.tls ? "Connecting to https://%s:%llu%s" : "Connecting to http://%s:%llu%s",
-                 host.c_str(), logPort, options.basePath.c_str());
+    transportLog(
+        Level::Info,
+        configured.tls ? "Connecting to https://%s:%llu%s" : "Connecting to http://%s:%llu%s",
+        host.c_str(), logPort, configured.basePath.c_str());
   }
   session = newSession(host, static_cast<std::uint16_t>(port));
   sessionHost = host;
   sessionPort = static_cast<std::uint16_t>(port);
-  if (!options.proxyHost.empty()) {
+  if (!configured.proxyHost.empty()) {
     transportLog(Level::Info, "Connecting via proxy server http://%s:%llu",
-                 options.proxyHost.c_str(), static_cast<unsigned long long>(options.proxyPort));
-    applyProxy(session->poco(), options);
+                 configured.proxyHost.c_str(),
+                 static_cast<unsigned long long>(configured.proxyPort));
+    applyProxy(session->poco(), configured);
   }
   configureSession();
 }
 
 // What a session needs beyond its target.
 void HTTPClient::ClientSessionThread::configureSession() {
-  const ConfiguredOptions& options = owner.options;
+  const ConfiguredOptions& configured = owner.options;
   session->poco().setKeepAlive(true);
   session->poco().setTimeout(
-      Poco::Timespan(static_cast<long>(std::min(options.timeoutSecs, maxTimeoutSecs)), 0));
+      Poco::Timespan(static_cast<long>(std::min(configured.timeoutSecs, maxTimeoutSecs)), 0));
 }
 
 void HTTPClient::ClientSessionThread::resetSession() {
-  const ConfiguredOptions& options = owner.options;
-  if (!options.tls || options.proxyHost.empty()) {
+  const ConfiguredOptions& configured = owner.options;
+  if (!configured.tls || configured.proxyHost.empty()) {
     session->reset();
     return;
   }
   // A session through a tunnel is replaced: what its buffers still hold goes with it.
   session = newSession(sessionHost, sessionPort);
-  applyProxy(session->poco(), options);
+  applyProxy(session->poco(), configured);
   configureSession();
 }
 

@@ -6,12 +6,11 @@
 
 namespace connectivity {
 
-PluginConstructorParameters::PluginConstructorParameters(const std::string& name,
-                                                         const std::string& chain,
+PluginConstructorParameters::PluginConstructorParameters(std::string name, std::string chain,
                                                          const map_t& configuration, void* status,
                                                          void* host)
-    : chainId(chain),
-      pluginName(name),
+    : chainId(std::move(chain)),
+      pluginName(std::move(name)),
       config(configuration.copy()),
       statusHandle(status),
       hostHandle(host) {}
@@ -26,9 +25,9 @@ Plugin::Plugin(const PluginConstructorParameters& parameters)
       logger("connectivity." + pluginName + "." + chainId),
       _statusReporter(std::make_unique<StatusReporter>(parameters.statusHandle)) {}
 
-Plugin::Plugin(const std::string& name, const std::string& chain)
-    : pluginName(name),
-      chainId(chain),
+Plugin::Plugin(std::string name, std::string chain)
+    : pluginName(std::move(name)),
+      chainId(std::move(chain)),
       _hostHandle(std::make_unique<void*>(nullptr)),
       logger("connectivity." + pluginName + "." + chainId) {}
 

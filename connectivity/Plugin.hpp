@@ -20,8 +20,8 @@ class PluginConstructorParameters {
  public:
   using TransportConstructorParameters = PluginConstructorParameters;
 
-  PluginConstructorParameters(const std::string& name, const std::string& chain,
-                              const map_t& configuration, void* status, void* host);
+  PluginConstructorParameters(std::string name, std::string chain, const map_t& configuration,
+                              void* status, void* host);
 
   std::string chainId;
   std::string pluginName;
@@ -35,7 +35,7 @@ class Plugin {
  public:
   explicit Plugin(const PluginConstructorParameters& parameters);
   // A plug-in without status support, for hosts that have none.
-  Plugin(const std::string& name, const std::string& chain);
+  Plugin(std::string name, std::string chain);
   virtual ~Plugin();
   Plugin(const Plugin&) = delete;
   Plugin& operator=(const Plugin&) = delete;

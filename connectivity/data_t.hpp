@@ -320,21 +320,18 @@ inline data_t& valueOf(qor_underlying_map_table_entry_t& slot) noexcept {
 
 template <bool isConst>
 typename map_t::_iterator<isConst>::entry_t map_t::_iterator<isConst>::operator*() const {
-  checkmodified();
-  auto& slot = _slots[_index];
-  return {slot.hash, details::keyOf(slot), details::valueOf(slot)};
+  auto& here = slot();
+  return {here.hash, details::keyOf(here), details::valueOf(here)};
 }
 
 template <bool isConst>
 const data_t& map_t::_iterator<isConst>::key() const {
-  checkmodified();
-  return details::keyOf(_slots[_index]);
+  return details::keyOf(slot());
 }
 
 template <bool isConst>
 std::conditional_t<isConst, const data_t&, data_t&> map_t::_iterator<isConst>::value() const {
-  checkmodified();
-  return details::valueOf(_slots[_index]);
+  return details::valueOf(slot());
 }
 
 extern template class map_t::_iterator<false>;

@@ -72,6 +72,7 @@ map_t::_iterator<isConst>::_iterator(owner_t* owner, std::uint64_t index) noexce
 
 template <bool isConst>
 void map_t::_iterator<isConst>::settle() noexcept {
+  if (_slots == nullptr) return;
   while (_index < _capacity && !isLive(_slots[_index])) ++_index;
 }
 
@@ -87,6 +88,14 @@ template <bool isConst>
 bool map_t::_iterator<isConst>::operator==(const _iterator& other) const {
   checkOwner(other._owner);
   return _index == other._index;
+}
+
+template <bool isConst>
+qor_underlying_map_table_entry_t& map_t::_iterator<isConst>::slot() const {
+  checkmodified();
+  if (_slots == nullptr || _index >= _capacity)
+    throw std::runtime_error("The end of a map holds no entry");
+  return _slots[_index];
 }
 
 template <bool isConst>
@@ -283,9 +292,10 @@ bool map_t::operator==(const map_t& other) const {
   const char* const mine = _table == nullptr ? nullptr : _table->header_string;
   const char* const theirs = other._table == nullptr ? nullptr : other._table->header_string;
   if (!sameText(mine, theirs)) return false;
-  for (const auto& [hash, key, value] : *this) {
-    const data_t* const theirValue = other.find(key);
-    if (theirValue == nullptr || !(value == *theirValue)) return false;
+  const const_iterator last = end();
+  for (const_iterator at = begin(); at != last; ++at) {
+    const data_t* const theirValue = other.find(at.key());
+    if (theirValue == nullptr || !(at.value() == *theirValue)) return false;
   }
   return true;
 }

@@ -134,6 +134,7 @@ class map_t::_iterator {
   // The end, or the slot at `index`, of `owner`.
   _iterator(owner_t* owner, std::uint64_t index) noexcept;
 
+  // Reading at the end is std::runtime_error "The end of a map holds no entry".
   entry_t operator*() const;
   const data_t& key() const;
   std::conditional_t<isConst, const data_t&, data_t&> value() const;
@@ -150,6 +151,7 @@ class map_t::_iterator {
 
  private:
   friend class map_t;
+  qor_underlying_map_table_entry_t& slot() const;
   // Moves to the first live slot at or after the index.
   void settle() noexcept;
 

@@ -116,6 +116,20 @@ TEST(MapIterator, OfAnotherMapErasesNothing) {
   EXPECT_EQ(right.size(), 3U);
 }
 
+TEST(MapIterator, HoldsNoEntryAtTheEnd) {
+  map_t map = numbers(3);
+  map_t without;
+  EXPECT_EQ(failureOf([&] { *map.end(); }), "The end of a map holds no entry");
+  EXPECT_EQ(failureOf([&] { without.begin().value(); }), "The end of a map holds no entry");
+}
+
+TEST(MapIterator, StaysAtTheEnd) {
+  map_t map = numbers(3);
+  auto at = map.end();
+  ++at;
+  EXPECT_TRUE(at == map.end());
+}
+
 // --- Without -------------------------------------------------------------------------------------
 
 TEST(MapIterator, CarriesOnAfterAChangeWhereTheChecksAreOff) {

@@ -28,7 +28,7 @@ bool isAscii(const std::string& text) noexcept {
 }
 
 // The text up to its first NUL.
-std::string upToNul(const std::string& text) { return std::string(text.c_str()); }
+std::string upToNul(const std::string& text) { return text.substr(0, text.find('\0')); }
 
 // factor * length + extra, or as much as a capacity can be.
 unsigned int capacityFor(std::size_t length, std::size_t factor, std::size_t extra) noexcept {

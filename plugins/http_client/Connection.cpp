@@ -5,8 +5,6 @@
 #include <cerrno>
 #include <chrono>
 #include <exception>
-#include <fcntl.h>
-#include <limits>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/uio.h>
@@ -30,29 +28,17 @@ using Poco::Net::IPAddress;
 using Poco::Net::SocketAddress;
 using Poco::Net::StreamSocket;
 
-// IPv4 before IPv6, else in the resolver's order.
-std::vector<IPAddress> addressesOf(const std::string& host) {
-  IPAddress literal;
-  if (IPAddress::tryParse(host, literal)) return {literal};
-  std::vector<IPAddress> addresses = Poco::Net::DNS::hostByName(host).addresses();
-  if (addresses.empty()) throw Poco::Net::NoAddressFoundException(host);
-  std::stable_partition(addresses.begin(), addresses.end(), [](const IPAddress& address) {
-    return address.family() == IPAddress::IPv4;
-  });
-  return addresses;
-}
-
 StreamSocket newSocket(const SocketAddress& address) {
   const int fd = ::socket(address.af(), SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
   if (fd < 0) socketFailure(errno, address.toString());
-  return StreamSocket(new Poco::Net::StreamSocketImpl(fd));
+  return {new Poco::Net::StreamSocketImpl(fd)};
 }
 
 StreamSocket connectToAddress(const SocketAddress& address, Deadline deadline) {
   StreamSocket socket = newSocket(address);
   const int fd = descriptor(socket);
-  if (::connect(fd, address.addr(), address.length()) != 0 && errno != EINTR) {
-    if (errno != EINPROGRESS) socketFailure(errno, address.toString());
+  if (::connect(fd, address.addr(), address.length()) != 0) {
+    if (errno != EINPROGRESS && errno != EINTR) socketFailure(errno, address.toString());
     if (!awaitSocket(fd, POLLOUT, deadline)) {
       throw Poco::TimeoutException("connect timed out", address.toString());
     }
@@ -114,17 +100,32 @@ class PlainConnection final : public Connection {
 
 }  // namespace
 
-StreamSocket connectTo(const std::string& host, std::uint16_t port, const Poco::Timespan& timeout) {
-  const std::vector<IPAddress> addresses = addressesOf(host);
+std::vector<SocketAddress> addressesOf(const std::string& host, std::uint16_t port) {
+  IPAddress literal;
+  if (IPAddress::tryParse(host, literal)) return {SocketAddress(literal, port)};
+  std::vector<SocketAddress> addresses;
+  const Poco::Net::HostEntry entry = Poco::Net::DNS::hostByName(host);
+  for (const IPAddress& address : entry.addresses()) {
+    addresses.emplace_back(address, port);
+  }
+  if (addresses.empty()) throw Poco::Net::NoAddressFoundException(host);
+  std::stable_partition(addresses.begin(), addresses.end(), [](const SocketAddress& address) {
+    return address.family() == SocketAddress::IPv4;
+  });
+  return addresses;
+}
+
+StreamSocket connectToFirst(const std::vector<SocketAddress>& addresses,
+                            const Poco::Timespan& timeout) {
   const Deadline deadline = deadlineAfter(timeout);
   std::exception_ptr first;
-  std::size_t left = addresses.size();
-  for (const IPAddress& address : addresses) {
+  auto left = static_cast<int>(addresses.size());
+  for (const SocketAddress& address : addresses) {
     const auto now = std::chrono::steady_clock::now();
     // An address that does not answer leaves their share of the time to those behind it.
-    const Deadline share = now + (deadline - now) / static_cast<int>(left--);
+    const Deadline share = now + (deadline - now) / left--;
     try {
-      StreamSocket socket = connectToAddress(SocketAddress(address, port), share);
+      StreamSocket socket = connectToAddress(address, share);
       socket.setReceiveTimeout(timeout);
       socket.setSendTimeout(timeout);
       socket.setNoDelay(true);

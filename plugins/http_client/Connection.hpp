@@ -9,8 +9,10 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <Poco/Net/Context.h>
+#include <Poco/Net/SocketAddress.h>
 #include <Poco/Net/StreamSocket.h>
 #include <Poco/Timespan.h>
 
@@ -26,13 +28,16 @@ class Connection : public ByteSource, public ByteSink {
   virtual bool quiet() noexcept = 0;
 };
 
-// Opens a TCP connection to a host name or an IP address. The name's addresses are tried in turn,
-// IPv4 first; together they take at most `timeout`, which is also the socket's limit for each send
-// and receive afterwards. Throws the first address's failure where none can be reached
-// (Poco::Net::ConnectionRefusedException, Poco::TimeoutException, ...) with the address as text,
-// or Poco::Net::HostNotFoundException.
-Poco::Net::StreamSocket connectTo(const std::string& host, std::uint16_t port,
-                                  const Poco::Timespan& timeout);
+// The addresses of a host name or an IP address: IPv4 before IPv6, else in the resolver's order.
+// Throws Poco::Net::HostNotFoundException and the like.
+std::vector<Poco::Net::SocketAddress> addressesOf(const std::string& host, std::uint16_t port);
+
+// Opens a TCP connection to the first address that takes one. Together they take at most
+// `timeout`, which is also the socket's limit for each send and receive afterwards. Throws the
+// first address's failure where none can be reached (Poco::Net::ConnectionRefusedException,
+// Poco::TimeoutException "connect timed out", ...). REQUIRES: there is an address.
+Poco::Net::StreamSocket connectToFirst(const std::vector<Poco::Net::SocketAddress>& addresses,
+                                       const Poco::Timespan& timeout);
 
 std::unique_ptr<Connection> plainConnection(const Poco::Net::StreamSocket& socket);
 

@@ -180,9 +180,9 @@ ResponseBody& PersistentSession::receiveResponse(HTTPResponse& response) {
 void PersistentSession::open() {
   const HTTPClientSession& settings = poco();
   const bool proxied = usesProxy();
-  const StreamSocket socket =
-      proxied ? connectTo(settings.getProxyHost(), settings.getProxyPort(), settings.getTimeout())
-              : connectTo(settings.getHost(), settings.getPort(), settings.getTimeout());
+  const auto addresses = proxied ? addressesOf(settings.getProxyHost(), settings.getProxyPort())
+                                 : addressesOf(settings.getHost(), settings.getPort());
+  const StreamSocket socket = connectToFirst(addresses, settings.getTimeout());
   adoptSocket(socket);
   if (proxied && secure()) openTunnel(socket);
   _connection = secure()

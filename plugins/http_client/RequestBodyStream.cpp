@@ -1,6 +1,7 @@
 #include "plugins/http_client/RequestBodyStream.hpp"
 
 #include <stdexcept>
+#include <utility>
 
 namespace connectivity::plugins {
 
@@ -8,12 +9,10 @@ void RequestBuffer::begin(ByteSink* sink, std::string& head, std::int64_t length
   _sink = sink;
   _gathered = &head;
   _remaining = length;
-  if (_remaining > 0) return;
-  _sink->send(*_gathered, {});
-  _gathered->clear();
+  if (_remaining == 0) send({});
 }
 
-void RequestBuffer::finish() {
+void RequestBuffer::finish() const {
   if (_remaining > 0) {
     throw std::logic_error("The request's body is shorter than its content length");
   }
@@ -25,14 +24,21 @@ void RequestBuffer::write(std::string_view piece) {
     throw std::logic_error("The request's body is longer than its content length");
   }
   const bool last = static_cast<std::uint64_t>(_remaining) == piece.size();
-  if (_gathered->size() + piece.size() <= gatherLimit) {
-    _gathered->append(piece);
-    if (last) _sink->send(*_gathered, {});
-  } else {
-    _sink->send(*_gathered, piece);
-    _gathered->clear();
-  }
   _remaining -= static_cast<std::int64_t>(piece.size());
+  if (_gathered->size() + piece.size() > gatherLimit) {
+    send(piece);
+  } else {
+    _gathered->append(piece);
+    if (last) send({});
+  }
+}
+
+// Sends what is gathered, and `piece` behind it. A failure ends the request: nothing is sent twice.
+void RequestBuffer::send(std::string_view piece) {
+  ByteSink* const sink = std::exchange(_sink, nullptr);
+  sink->send(*_gathered, piece);
+  _gathered->clear();
+  _sink = sink;
 }
 
 RequestBuffer::int_type RequestBuffer::overflow(int_type character) {

@@ -34,7 +34,7 @@ class RequestBuffer final : public std::streambuf {
   // none. `head` stays the caller's to fill for the next request.
   void begin(ByteSink* sink, std::string& head, std::int64_t length);
   // Throws std::logic_error where less was written than announced.
-  void finish();
+  void finish() const;
   void abandon() noexcept { _sink = nullptr; }
 
  protected:
@@ -43,6 +43,7 @@ class RequestBuffer final : public std::streambuf {
 
  private:
   void write(std::string_view piece);
+  void send(std::string_view piece);
 
   ByteSink* _sink = nullptr;
   std::string* _gathered = nullptr;
@@ -57,7 +58,7 @@ class RequestBodyStream final : public std::ostream {
   }
 
   void begin(ByteSink* sink, std::string& head, std::int64_t length);
-  void finish() { _buffer.finish(); }
+  void finish() const { _buffer.finish(); }
   void abandon() noexcept { _buffer.abandon(); }
 
  private:

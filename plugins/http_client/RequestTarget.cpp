@@ -164,7 +164,7 @@ class Reference {
   // Removes the host from the front of `authority`.
   std::string takeHost(std::string_view& authority) const {
     if (authority.starts_with('[')) return takeIPv6Host(authority);
-    const std::string host(authority.substr(0, authority.find(':')));
+    std::string host(authority.substr(0, authority.find(':')));
     const bool wellFormed = std::all_of(host.begin(), host.end(), [](char c) {
       return isAlphanumeric(c) || c == '-' || c == '.' || c == '_' || c == '~';
     });

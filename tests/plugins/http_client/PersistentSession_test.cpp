@@ -674,8 +674,7 @@ TEST(PersistentSession, ReportsAHostThatDoesNotExist) {
   EXPECT_THROW(session->sendRequest(request), Poco::Net::NetException);
 }
 
-// The system's resolver decides which addresses "localhost" has; the server listens on IPv4 only.
-TEST(PersistentSession, TriesTheAddressesOfAName) {
+TEST(PersistentSession, ConnectsToANameAndNamesItAsTheHost) {
   ScriptedServer server;
   server.answer("/", {200, {}, "x"});
   Client client(server, "localhost");

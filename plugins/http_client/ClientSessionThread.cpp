@@ -2,7 +2,10 @@
 #include "plugins/http_client/ClientSessionThread.hpp"
 
 #include <exception>
+#include <stdexcept>
 #include <utility>
+
+#include <Poco/Exception.h>
 
 #include "orrery/Platform.hpp"
 #include "plugins/http_client/SigpipeBlocker.hpp"
@@ -11,7 +14,12 @@ namespace connectivity::plugins {
 
 HTTPClient::ClientSessionThread::ClientSessionThread(HTTPClient& transport, unsigned workerNumber)
     : Thread("clientSessionThread"), owner(transport), index(workerNumber) {
-  setSession(owner.options.host, static_cast<std::uint64_t>(owner.options.port));
+  try {
+    setSession(owner.options.host, static_cast<std::uint64_t>(owner.options.port));
+  } catch (const Poco::Exception& failure) {
+    // Only the long text says which file cannot be read, and create logs what().
+    throw std::runtime_error(failure.displayText());
+  }
 }
 
 HTTPClient::ClientSessionThread::~ClientSessionThread() {

@@ -1,10 +1,8 @@
 #include "tests/support/ScriptedProxy.hpp"
 
 #include <algorithm>
-#include <array>
 #include <string_view>
 #include <strings.h>
-#include <sys/socket.h>
 
 #include <openssl/evp.h>
 
@@ -83,17 +81,17 @@ void ScriptedProxy::forward(Connection& connection, const RecordedRequest& reque
   const auto pathStart = request.target.find('/', scheme.size());
   const auto authority = request.target.substr(scheme.size(), pathStart - scheme.size());
   const auto path = pathStart == std::string::npos ? "/" : request.target.substr(pathStart);
-  const auto target = connectToLoopback(portOf(authority, 80));
-  if (!target.valid() || !writeAll(target.get(), originRequest(request, path))) {
+  const auto response =
+      connection.exchangeWith(portOf(authority, 80), originRequest(request, path));
+  if (!response.has_value()) {
     connection.sendResponse(502, {}, "");
     return;
   }
-  std::array<char, 16384> piece{};
-  for (;;) {
-    const auto got = ::recv(target.get(), piece.data(), piece.size(), 0);
-    if (got <= 0) return;
-    connection.send({piece.data(), static_cast<std::size_t>(got)});
-  }
+  // The response says that it ends with the connection, so that the client does not send another
+  // request while the connection is being closed.
+  const auto statusLineEnd = response->find("\r\n") + 2;
+  connection.send(response->substr(0, statusLineEnd) + "Connection: close\r\n" +
+                  response->substr(statusLineEnd));
 }
 
 }  // namespace test_support

@@ -246,4 +246,23 @@ void Connection::tunnelTo(int port) {
   close();
 }
 
+std::optional<std::string> Connection::exchangeWith(int port, std::string_view bytes) {
+  const auto target = connectToLoopback(port);
+  if (!target.valid() || !writeAll(target.get(), bytes)) return std::nullopt;
+  ::shutdown(target.get(), SHUT_WR);
+  std::array<pollfd, 2> sides{pollfd{_channel.socket(), POLLIN, 0},
+                              pollfd{target.get(), POLLIN, 0}};
+  std::array<char, 16384> piece{};
+  std::string answer;
+  for (;;) {
+    if (::poll(sides.data(), sides.size(), -1) < 0) continue;
+    if (sides[0].revents != 0) return std::nullopt;
+    const auto got = ::recv(target.get(), piece.data(), piece.size(), 0);
+    if (got <= 0) break;
+    answer.append(piece.data(), static_cast<std::size_t>(got));
+  }
+  if (answer.empty()) return std::nullopt;
+  return answer;
+}
+
 }  // namespace test_support

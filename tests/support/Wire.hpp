@@ -94,6 +94,9 @@ class Connection {
 
   // Bytes both ways between the peer and a port on 127.0.0.1, until either side ends.
   void tunnelTo(int port);
+  // Sends the bytes and the end of the stream to a port on 127.0.0.1: all that comes back until its
+  // end. None where nobody listens, nothing comes, or the peer of this connection goes first.
+  std::optional<std::string> exchangeWith(int port, std::string_view bytes);
 
  private:
   bool fill();

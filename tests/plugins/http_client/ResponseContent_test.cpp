@@ -484,7 +484,7 @@ std::vector<SweptCase> sweptCases() {
   std::vector<SweptCase> cases;
   for (const char* policy : {"REJECT", "TRUNCATE_END", "TRUNCATE_START", ""}) {
     for (const char* charset : {"utf-8", "iso-8859-1"}) {
-      for (const long long kilobytes : {-1, 0, 1, 2, 102, 103, 205, 512}) {
+      for (const long long kilobytes : {-1, 0, 1, 102, 103, 205}) {
         cases.push_back({policy, charset, kilobytes});
       }
     }
@@ -495,8 +495,7 @@ std::vector<SweptCase> sweptCases() {
 std::vector<std::string> sweptBodies() {
   std::vector<std::string> bodies;
   for (const std::size_t size :
-       {0U, 1U, 999U, 1000U, 1001U, 1999U, 2500U, 101999U, 102000U, 102400U, 102401U, 103000U,
-        204799U, 204800U, 205001U, 512000U, 614400U, 700001U}) {
+       {0U, 1U, 999U, 1000U, 1001U, 2500U, 102000U, 102400U, 102401U, 204800U, 205001U, 307201U}) {
     bodies.push_back(lineOf(size));
     bodies.push_back(linesOf(size, 333));
     bodies.push_back(linesOf(size, 100));

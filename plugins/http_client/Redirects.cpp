@@ -9,6 +9,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "plugins/http_client/ClientSessionThread.hpp"
+#include "plugins/http_client/HeaderRules.hpp"
 #include "plugins/http_client/Request.hpp"
 #include "plugins/http_client/RequestTarget.hpp"
 
@@ -91,7 +92,9 @@ bool HTTPClient::ClientSessionThread::followTo(const HTTPResponse& response, req
         id.c_str(), status, current.scheme.c_str(), next.scheme.c_str(), location.c_str());
     return false;
   }
-  const bool elsewhere = next.host != current.host || next.port != current.port;
+  // A host that a Location names comes in lower case; the configured one is as it was given.
+  const bool elsewhere =
+      lowerCased(next.host) != lowerCased(current.host) || next.port != current.port;
   if (elsewhere && !isPermanent(response.getStatus())) {
     transportLog(
         Level::Warn,

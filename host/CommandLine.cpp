@@ -10,6 +10,7 @@
 #include "host/CheckCommand.hpp"
 #include "host/ExitStatus.hpp"
 #include "host/RunCommand.hpp"
+#include "host/demo/DemoCommand.hpp"
 
 namespace host {
 
@@ -68,7 +69,8 @@ void addCheck(CLI::App& app, Arguments& arguments) {
 
 ExitStatus perform(const CLI::App& app, const Arguments& arguments) {
   if (app.got_subcommand("run")) return run(arguments.run);
-  return check(arguments.checkedFile);
+  if (app.got_subcommand("check")) return check(arguments.checkedFile);
+  return demo();
 }
 
 }  // namespace
@@ -79,6 +81,7 @@ int runCommandLine(int argc, const char* const* argv) {
   Arguments arguments;
   addRun(app, arguments);
   addCheck(app, arguments);
+  app.add_subcommand("demo", "Show the transport at work against a server of the program's own");
   app.set_version_flag("--version", std::string("orrery-host ") + ORRERY_VERSION);
   app.set_help_all_flag("--help-all", "Print the help of every command and exit");
   app.require_subcommand(1);

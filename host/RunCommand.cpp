@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <poll.h>
 #include <stdexcept>
 #include <thread>
@@ -18,6 +19,7 @@
 #include "host/HostLog.hpp"
 #include "host/Progress.hpp"
 #include "host/Signals.hpp"
+#include "host/StatusServer.hpp"
 #include "host/StatusTable.hpp"
 #include "host/Wakeup.hpp"
 
@@ -41,8 +43,9 @@ ChainFile readOptions(const RunOptions& options) {
   }
   if (options.input) file.chains.front().input = {*options.input, 0, "--input"};
   if (options.output) file.chains.front().output = {*options.output, 0, "--output"};
-  if (options.statusPort || file.status) {
-    throw std::runtime_error(file.path + ": status: this version has no status server");
+  if (options.statusPort) {
+    if (!file.status) file.status.emplace();
+    file.status->port = *options.statusPort;
   }
   if (options.logLevel) file.log.level = *options.logLevel;
   return file;
@@ -55,6 +58,7 @@ class Run {
     for (const ChainDefinition& definition : file.chains) {
       _chains.push_back(std::make_unique<Chain>(definition, _status, log));
     }
+    if (file.status) serveStatus(file);
   }
 
   void start() {
@@ -92,6 +96,15 @@ class Run {
   }
 
  private:
+  void serveStatus(const ChainFile& file) {
+    std::vector<std::string> prefixes;
+    for (const ChainDefinition& chain : file.chains)
+      prefixes.push_back(chain.name + "." + chain.id);
+    _statusServer.emplace(*file.status, _status, std::move(prefixes));
+    _log.info("The status server listens on http://" + file.status->address + ":" +
+              std::to_string(_statusServer->port()));
+  }
+
   std::vector<ChainCounts> allCounts() const {
     std::vector<ChainCounts> counts;
     for (const auto& chain : _chains) counts.push_back(chain->counts());
@@ -135,6 +148,7 @@ class Run {
   Signals& _signals;
   StatusTable _status;
   std::vector<std::unique_ptr<Chain>> _chains;
+  std::optional<StatusServer> _statusServer;
   Wakeup _allEnded;
   std::atomic<std::size_t> _running{0};
   bool _stopping = false;

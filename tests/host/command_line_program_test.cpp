@@ -22,7 +22,8 @@ TEST(CommandLine, VersionGoesToStandardOutput) {
 TEST(CommandLine, HelpNamesEveryCommandAndExitStatus) {
   HostProgram program({"--help"});
   EXPECT_EQ(program.finish(), 0);
-  for (const char* text : {"run", "check", "--version", "Exit status: 0", "2 wrong usage"}) {
+  for (const char* text :
+       {"run", "check", "demo", "--version", "Exit status: 0", "2 wrong usage"}) {
     EXPECT_THAT(program.output(), HasSubstr(text));
   }
 }

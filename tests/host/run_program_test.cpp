@@ -250,5 +250,27 @@ TEST(Run, StreamsOfTheCommandLineNeedAChainFileWithOneChain) {
   EXPECT_THAT(program.errors(), HasSubstr("need a chain file with one chain"));
 }
 
+TEST(Run, ServesTheStatusWhereTheChainFileOrTheCommandLineSaysSo) {
+  const test_support::TemporaryDirectory directory;
+  const std::string path =
+      directory.write("c.yaml", "chains:\n" + echoChain("a") + "status: {port: 0}\n");
+  HostProgram fromFile({"run", path});
+  fromFile.waitForErrors("The status server listens on http://127.0.0.1:");
+  EXPECT_EQ(fromFile.finish(), 0);
+  const EchoChainFile chain;
+  HostProgram fromCommandLine({"run", chain.path(), "--status-port", "0"});
+  fromCommandLine.waitForErrors("The status server listens on http://127.0.0.1:");
+  EXPECT_EQ(fromCommandLine.finish(), 0);
+}
+
+TEST(Run, AStatusAddressThatCannotBeUsedEndsWith1) {
+  const test_support::TemporaryDirectory directory;
+  const std::string path = directory.write(
+      "c.yaml", "chains:\n" + echoChain("a") + "status: {port: 0, address: 192.0.2.1}\n");
+  HostProgram program({"run", path});
+  EXPECT_EQ(program.finish(), 1);
+  EXPECT_THAT(program.errors(), HasSubstr("cannot listen on 192.0.2.1:0"));
+}
+
 }  // namespace
 }  // namespace host_tests

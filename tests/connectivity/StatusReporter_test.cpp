@@ -104,6 +104,7 @@ TEST_F(StatusItems, AreRefusedUnderAKeyThatIsTaken) {
 TEST_F(StatusItems, LoseNoIncrementOfSeveralThreads) {
   const auto item = reporter.createStatusItem("key", 0);
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int count = 0; count < 4; ++count) {
     threads.emplace_back([&item] {
       for (int step = 0; step < 500; ++step) item->increment(1);

@@ -42,10 +42,9 @@ bool isPlain(SupportedMediaType coding) noexcept {
 }
 
 bool holdsBuffer(const map_t& payload) {
-  for (const auto entry : payload) {
-    if (entry.second.tag() == QOR_BUFFER) return true;
-  }
-  return false;
+  bool found = false;
+  for (const auto entry : payload) found = found || entry.second.tag() == QOR_BUFFER;
+  return found;
 }
 
 // Which of the two form encodings the payload goes out in.

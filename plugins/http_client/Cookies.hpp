@@ -56,13 +56,13 @@ class Cookies {
 
  private:
   struct CookieAttributes {
-    CookieAttributes(const std::string& cookieName, const std::string& cookieValue,
-                     const std::string& cookiePath, bool isSession, Clock::time_point&& expires)
-        : name(cookieName),
-          value(cookieValue),
-          path(cookiePath),
+    CookieAttributes(std::string cookieName, std::string cookieValue, std::string cookiePath,
+                     bool isSession, Clock::time_point expires)
+        : name(std::move(cookieName)),
+          value(std::move(cookieValue)),
+          path(std::move(cookiePath)),
           session(isSession),
-          expiry(std::move(expires)) {}
+          expiry(expires) {}
 
     std::string name;
     std::string value;

@@ -126,9 +126,11 @@ std::optional<std::chrono::seconds> readTime(std::string_view token) {
 std::optional<unsigned> readMonth(std::string_view token) {
   static constexpr std::array<std::string_view, 12> names{"jan", "feb", "mar", "apr", "may", "jun",
                                                           "jul", "aug", "sep", "oct", "nov", "dec"};
-  const auto found = std::find(names.begin(), names.end(), lowerCased(token.substr(0, 3)));
-  if (found == names.end()) return std::nullopt;
-  return static_cast<unsigned>(found - names.begin()) + 1;
+  const std::string name = lowerCased(token.substr(0, 3));
+  const auto index =
+      static_cast<std::size_t>(std::find(names.begin(), names.end(), name) - names.begin());
+  if (index == names.size()) return std::nullopt;
+  return static_cast<unsigned>(index) + 1;
 }
 
 // Reads one token as the first part that is still missing and that it can be.
@@ -152,8 +154,8 @@ void readDateToken(std::string_view token, DateParts& parts) {
 std::optional<sys_seconds> readCookieDate(std::string_view text) {
   DateParts parts;
   while (!text.empty()) {
-    const auto end = std::find_if(text.begin(), text.end(), isDateDelimiter);
-    const auto length = static_cast<std::size_t>(end - text.begin());
+    const auto length = static_cast<std::size_t>(
+        std::find_if(text.begin(), text.end(), isDateDelimiter) - text.begin());
     if (length > 0) readDateToken(text.substr(0, length), parts);
     text.remove_prefix(std::min(length + 1, text.size()));
   }

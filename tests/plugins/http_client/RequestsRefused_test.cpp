@@ -1,9 +1,12 @@
 // Requests that are answered before anything is sent.
+#include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "orrery/Platform.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -196,6 +199,38 @@ TEST(RefusedRequestAnswer, IsNoSampleOfRequestSizes) {
                                  ".requestSizeMaxInLastHourBytes"}) {
     EXPECT_EQ(plugin.statusItem(item), "1000") << item;
   }
+}
+
+TEST(FailedRequest, IsASampleOfRequestSizesWithItsWholeBody) {
+  PluginUnderTest plugin{Config(unusedPort())};
+  EXPECT_EQ(plugin.request(Request("POST", "/x").body(std::string(700, 'x'))).status(), 400);
+  plugin.request(Request("PATCH", "/x"));
+  EXPECT_EQ(plugin.statusItem(".requestSizeMaxInLastHourBytes"), "700");
+}
+
+// A second goes by whenever somebody looks.
+class TickingClock final : public orrery::Clock {
+ public:
+  TickingClock() : _previous(orrery::Platform::replaceClock(this)) {}
+  ~TickingClock() override { orrery::Platform::replaceClock(_previous); }
+  TickingClock(const TickingClock&) = delete;
+  TickingClock& operator=(const TickingClock&) = delete;
+
+  double relativeHighResTimeFloat() const noexcept override {
+    return static_cast<double>(_ticks.fetch_add(1));
+  }
+  std::int64_t sysTime() const noexcept override { return 1'700'000'000'000; }
+
+ private:
+  mutable std::atomic<int> _ticks{1};
+  const orrery::Clock* _previous;
+};
+
+TEST(RefusedRequestAnswer, CountsWithItsTrueLatency) {
+  const TickingClock clock;
+  PluginUnderTest plugin{Config(unusedPort())};
+  plugin.request(Request("PATCH", "/x"));
+  EXPECT_GE(std::stoll(plugin.statusItem(".requestLatencyEWMAShortMillis")), 1000);
 }
 
 }  // namespace

@@ -103,6 +103,19 @@ TEST(SessionReuse, OldVersionWithoutKeepAliveIsNotReused) {
   expectInStep(plugin, server, 2);
 }
 
+TEST(SessionReuse, EveryRequestGetsItsOwnResponseWhicheverWorkerSendsIt) {
+  ScriptedServer server(answerWithTarget);
+  PluginUnderTest plugin(Config(server.port()).numClients(4));
+  constexpr long long requests = 200;
+  for (long long id = 1; id <= requests; ++id) {
+    plugin.send(Request("GET", ("/" + std::to_string(id)).c_str()).id(id));
+  }
+  for (const auto& answer : plugin.waitForAnswers(requests)) {
+    EXPECT_EQ(answer.body(), "/" + std::to_string(answer.id()));
+  }
+  EXPECT_LE(server.connectionCount(), 4U);
+}
+
 // --- Stray bytes --------------------------------------------------------------------------------
 
 TEST(ResponseBleeding, ResponseBehindTheResponseIsNobodysAnswer) {

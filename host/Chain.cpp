@@ -51,8 +51,9 @@ Chain::~Chain() {
 
 void Chain::start() {
   _input.emplace(_definition.input.text);
-  _output.emplace(_definition.output.text,
-                  [this](const std::string& reason) { onOutputFailure(reason); });
+  _output.emplace(
+      _definition.output.text, [this](const std::string& reason) { onOutputFailure(reason); },
+      [this] { _log.showProgress({}); });
   _transport->start();
 }
 

@@ -33,10 +33,13 @@ bool isRegularFile(int descriptor) {
 
 }  // namespace
 
-OutputLines::OutputLines(const std::string& path, OnFailure onFailure)
+OutputLines::OutputLines(const std::string& path, OnFailure onFailure,
+                         BeforeTerminal beforeTerminal)
     : _path(path == "-" ? "standard output" : path),
       _onFailure(std::move(onFailure)),
+      _beforeTerminal(std::move(beforeTerminal)),
       _descriptor(openForWriting(path)),
+      _isTerminal(::isatty(_descriptor) != 0),
       _mayBlock(!isRegularFile(_descriptor)),
       _flusher([this] { flushRegularly(); }) {}
 
@@ -82,6 +85,7 @@ void OutputLines::flushRegularly() {
 
 void OutputLines::writeBuffer() {
   std::string_view rest = _buffer;
+  if (_isTerminal && !rest.empty()) _beforeTerminal();
   while (!rest.empty() && !_failed) {
     if (_mayBlock && !waitUntilWritable()) break;
     // A pipe that is writable takes PIPE_BUF bytes without waiting.

@@ -26,9 +26,12 @@ class OutputLines {
   // back.
   using OnFailure = std::function<void(const std::string& reason)>;
 
+  // Called before something is written to a terminal, so that nothing else stands on its last line.
+  using BeforeTerminal = std::function<void()>;
+
   // "-" is standard output; a file is created or replaced. std::runtime_error "cannot write <path>:
   // <reason>".
-  OutputLines(const std::string& path, OnFailure onFailure);
+  OutputLines(const std::string& path, OnFailure onFailure, BeforeTerminal beforeTerminal);
   // Closes.
   ~OutputLines();
   OutputLines(const OutputLines&) = delete;
@@ -49,7 +52,9 @@ class OutputLines {
 
   const std::string _path;
   const OnFailure _onFailure;
+  const BeforeTerminal _beforeTerminal;
   const int _descriptor;
+  const bool _isTerminal;
   const bool _mayBlock;  // a pipe, a terminal or a socket, whose reader may be slow
   Wakeup _abandoned;
   orrery::Mutex _mutex{"OutputLines"};

@@ -272,5 +272,52 @@ TEST(Run, AStatusAddressThatCannotBeUsedEndsWith1) {
   EXPECT_THAT(program.errors(), HasSubstr("cannot listen on 192.0.2.1:0"));
 }
 
+// A terminal: what a program writes to the end that it is given can be read from this one.
+class Terminal {
+ public:
+  Terminal() : _master(::posix_openpt(O_RDWR | O_NOCTTY)) {
+    EXPECT_EQ(::grantpt(_master), 0);
+    EXPECT_EQ(::unlockpt(_master), 0);
+    _slave = ::open(::ptsname(_master), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  }
+  ~Terminal() {
+    ::close(_slave);
+    ::close(_master);
+  }
+  Terminal(const Terminal&) = delete;
+  Terminal& operator=(const Terminal&) = delete;
+
+  int slave() const { return _slave; }
+  // Reads until the text has come.
+  void waitFor(std::string_view text) {
+    while (_seen.find(text) == std::string::npos) {
+      char bytes[256];
+      const ssize_t count = ::read(_master, bytes, sizeof bytes);
+      ASSERT_GT(count, 0) << _seen;
+      _seen.append(bytes, static_cast<std::size_t>(count));
+    }
+  }
+
+ private:
+  const int _master;
+  int _slave = -1;
+  std::string _seen;
+};
+
+TEST(Run, ShowsItsProgressOnATerminal) {
+  const EchoChainFile chain;
+  Terminal terminal;
+  test_support::ChildProcess::Options options;
+  options.inherited.push_back(terminal.slave());
+  const std::string errors = "/proc/self/fd/" + std::to_string(terminal.slave());
+  test_support::ChildProcess program(
+      {"/bin/sh", "-c", "exec \"$0\" run \"$1\" 2>\"$2\"", HOST_PROGRAM, chain.path(), errors},
+      options);
+  program.write(request("1") + "{}\n");
+  terminal.waitFor("sent 2, answered 2, failed 1, ");
+  program.closeInput();
+  EXPECT_EQ(program.wait(), 0);
+}
+
 }  // namespace
 }  // namespace host_tests

@@ -255,6 +255,7 @@ TEST(Dispatch, PlacesBarriersOfSeveralThreadsInOneOrder) {
   PluginUnderTest plugin{Config(server.port()).numClients(3)};
   std::vector<std::shared_ptr<Event>> flushes(60);
   std::vector<std::thread> senders;
+  senders.reserve(3);
   for (std::size_t sender = 0; sender < 3; ++sender) {
     senders.emplace_back([&, sender] {
       for (std::size_t i = sender; i < flushes.size(); i += 3) {
@@ -276,6 +277,7 @@ TEST(Dispatch, PlacesBarriersInOneOrderWhileTheQueueIsFull) {
   plugin.send(get(1, "/stall").key("a"));
   server.waitForRequests(1);
   std::vector<std::thread> senders;
+  senders.reserve(3);
   constexpr std::size_t each = 1100;
   for (int sender = 0; sender < 2; ++sender) {
     senders.emplace_back([&] {

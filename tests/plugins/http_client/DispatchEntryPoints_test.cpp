@@ -207,7 +207,7 @@ TEST_F(EntryPoints, KeepAnExceptionOfTheHostsInside) {
 
 TEST_F(EntryPoints, KeepWhatIsNoExceptionInside) {
   qor_host_services_t services{};
-  services.enable_queue_flush_messages = [](void*) -> int { throw 42; };  // NOLINT
+  services.enable_queue_flush_messages = [](void*) -> int { throw 42; };
   void* const plugin = createAndConnect(Config(1), &services);
   EXPECT_EQ(library.start(plugin), 1);
   EXPECT_TRUE(log.contains("Unknown exception from start"));

@@ -79,7 +79,7 @@ TEST(Shutdown, EndsItsWorkersWithOneLineEachAtDebugLevel) {
   EXPECT_TRUE(workersBecome(3U));
   EXPECT_EQ(plugin.shutdown(), 0);
   EXPECT_TRUE(workersBecome(0U));
-  const auto text =
+  const auto* const text =
       "HTTPClient - Caught exception during processing - This queue has been terminated";
   EXPECT_EQ(plugin.log().count(text), 3U);
   for (const auto& line : plugin.log().lines()) EXPECT_GT(line.level, QOR_LOG_WARN) << line.text;
@@ -222,6 +222,7 @@ TEST(Shutdown, AnswersExactlyWhatItTookFromBatchesThatCameMeanwhile) {
     std::atomic<bool> stop{false};
     std::atomic<std::size_t> taken{0};
     std::vector<std::thread> producers;
+    producers.reserve(3);
     for (int producer = 0; producer < 3; ++producer) {
       producers.emplace_back([&, producer] {
         while (!stop) {

@@ -5,6 +5,10 @@ set -euo pipefail
 project="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 jobs="$(nproc)"
 
+# One clone's compilations serve the next: what ccache keeps does not depend on where the clone lies.
+export CCACHE_BASEDIR="$project"
+export CCACHE_NOHASHDIR=1
+
 # Installs the packages of packages.txt that are missing; does nothing when none is.
 install_packages() {
   local package missing=()

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <limits>
 #include <memory>
 #include <stdexcept>
@@ -27,6 +28,14 @@ bool isAscii(const std::string& text) noexcept {
                      [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
+// ICU keeps the tables that it makes until the process ends. Were it unloaded together with the
+// transport, each load of the transport would leak them; so it stays.
+bool keepIcuLoaded() noexcept {
+  Dl_info icu{};
+  return ::dladdr(reinterpret_cast<const void*>(&ucnv_convert), &icu) != 0 &&
+         ::dlopen(icu.dli_fname, RTLD_LAZY | RTLD_NOLOAD | RTLD_NODELETE) != nullptr;
+}
+
 // The text up to its first NUL.
 std::string upToNul(const std::string& text) { return text.substr(0, text.find('\0')); }
 
@@ -41,6 +50,7 @@ unsigned int capacityFor(std::size_t length, std::size_t factor, std::size_t ext
 
 std::string convertBetweenCharsets(const std::string& text, const std::string& from,
                                    const std::string& to, unsigned int capacity) {
+  [[maybe_unused]] static const bool kept = keepIcuLoaded();
   const std::unique_ptr<char, Free> buffer(static_cast<char*>(orrery::zq_malloc(capacity)));
   if (!buffer) throw std::runtime_error("Failed to allocate memory");
   UErrorCode status = U_ZERO_ERROR;

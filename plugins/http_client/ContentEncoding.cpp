@@ -74,6 +74,7 @@ void HTTPClient::ClientSessionThread::ContentEncoding::generateRequest(
   const SupportedMediaType coding = mediaTypeOf(codingName);
   if (coding == SupportedMediaType::unsupported) {
     _owner.transportLog(Level::Warn, unsupportedCoding);
+    _owner.resetSession();
     throw RefusedRequest(unsupportedCoding);
   }
   if (_owner.methodsWithoutBody.contains(req.methodText())) {

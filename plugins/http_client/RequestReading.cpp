@@ -122,11 +122,12 @@ std::string readCharset(const map_t* http, const DataTConstants& constants) {
 // The metadata's content type, with the character set behind it where it is a text type, whether or
 // not the content type names one already.
 std::optional<std::string> readContentType(const map_t* http, const DataTConstants& constants) {
+  const std::string charset = readCharset(http, constants);
   const data_t* value = given(http, constants.contentType);
   if (value == nullptr) return std::nullopt;
   std::string contentType = textOf(*value, "http.contentType");
   if (contentType.starts_with("text/")) {
-    contentType += ";charset=" + readCharset(http, constants);
+    contentType += ";charset=" + charset;
   }
   if (hasControlCharacter(contentType, Tab::Allowed)) {
     throw std::runtime_error("http.contentType must not hold control characters");

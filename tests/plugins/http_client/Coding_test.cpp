@@ -167,6 +167,13 @@ TEST_F(Coding, UnsupportedCodingOfARequestIsRefusedAndLogged) {
   EXPECT_NE(plugin().statusItem(".status"), "FAILED");
 }
 
+TEST_F(Coding, UnsupportedCodingOfARequestResetsTheSession) {
+  plugin().request(Request("GET", "/x"));
+  plugin().request(Request("POST", "/x").body("text").header("Content-Encoding", "br"));
+  plugin().request(Request("GET", "/x"));
+  EXPECT_EQ(server().connectionCount(), 2U);
+}
+
 TEST_F(Coding, RetryCompressesTheBodyAgain) {
   ScriptedServer closing({[](Connection& connection) { connection.readRequest(); },
                           [](Connection& connection) {

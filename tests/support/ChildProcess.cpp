@@ -149,7 +149,7 @@ bool ChildProcess::write(std::string_view text) { return writeAll(_input.get(), 
 
 void ChildProcess::closeInput() { _input.reset(); }
 
-void ChildProcess::signal(int number) {
+void ChildProcess::signal(int number) const {
   if (!_reaped) ::kill(_pid, number);
 }
 

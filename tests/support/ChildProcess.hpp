@@ -32,7 +32,7 @@ class ChildProcess {
   // False where the child does not read any more.
   bool write(std::string_view text);
   void closeInput();
-  void signal(int number);
+  void signal(int number) const;
 
   // What it wrote so far.
   std::string output() const;

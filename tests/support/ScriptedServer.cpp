@@ -76,8 +76,8 @@ class ScriptedServer::SocketChannel : public Channel {
 
 struct ScriptedServer::TlsContext {
   explicit TlsContext(TlsOptions given) : options(std::move(given)), context(make()) {
-    const auto certificate = options.certificate.certificate.c_str();
-    const auto key = options.certificate.key.c_str();
+    const auto* const certificate = options.certificate.certificate.c_str();
+    const auto* const key = options.certificate.key.c_str();
     if (SSL_CTX_use_certificate_chain_file(context.get(), certificate) != 1 ||
         SSL_CTX_use_PrivateKey_file(context.get(), key, SSL_FILETYPE_PEM) != 1) {
       throw std::runtime_error("The scripted server cannot use its certificate");

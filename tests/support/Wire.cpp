@@ -181,9 +181,17 @@ const char* reasonOf(int status) {
   return found == reasons.end() ? "Something" : found->second;
 }
 
+namespace {
+
+void appendField(std::string& text, const std::string& name, const std::string& value) {
+  text.append(name).append(": ").append(value).append(lineEnd);
+}
+
+}  // namespace
+
 std::string responseHead(int status, const HeaderList& headers) {
   std::string head = "HTTP/1.1 " + std::to_string(status) + " " + reasonOf(status) + "\r\n";
-  for (const auto& [name, value] : headers) head += name + ": " + value + "\r\n";
+  for (const auto& [name, value] : headers) appendField(head, name, value);
   return head + "\r\n";
 }
 
@@ -209,7 +217,7 @@ void Connection::sendChunked(int status, const HeaderList& headers,
     text.append(size.data()).append(chunk).append(lineEnd);
   }
   text += "0\r\n";
-  for (const auto& [name, value] : trailers) text += name + ": " + value + "\r\n";
+  for (const auto& [name, value] : trailers) appendField(text, name, value);
   send(text + "\r\n");
 }
 

@@ -125,15 +125,17 @@ std::vector<Request> mixedRequests() {
                                    "/status/304", "/close", "/redirect", "/%zz"}) {
       requests.emplace_back("GET", path);
     }
-    requests.push_back(Request("PATCH", "/echo"));
+    requests.emplace_back("PATCH", "/echo");
     requests.push_back(Request("POST", "/echo").body("abc"));
   }
   return requests;
 }
 
 TEST_F(MetricsOfFourWorkers, AgreeWithWhatTheHostSaw) {
+  const std::vector<Request> requests = mixedRequests();
   std::vector<Message> batch;
-  for (const Request& request : mixedRequests()) batch.push_back(request.message());
+  batch.reserve(requests.size());
+  for (const Request& request : requests) batch.push_back(request.message());
   ASSERT_EQ(plugin().send(std::move(batch)), 0);
   int successes = 0;
   int errors = 0;
@@ -333,6 +335,7 @@ TEST_F(MetricsOnTheWire, ShowTheLengthOfTheQueueAtTheLatestBatchAndNotNow) {
   plugin().send(Request("GET", "/stall"));
   server().waitForRequests(1);
   std::vector<Message> batch;
+  batch.reserve(3);
   for (int i = 0; i < 3; ++i) batch.push_back(Request("GET", "/x").message());
   ASSERT_EQ(plugin().send(std::move(batch)), 0);
   EXPECT_EQ(item("queueSize"), "3");

@@ -72,7 +72,7 @@ std::string content(int number) {
 
 std::string bytes(int number) {
   std::string all(static_cast<std::size_t>(choice(number, 3, 2000)), '\0');
-  std::uint64_t state = static_cast<std::uint64_t>(number);
+  auto state = static_cast<std::uint64_t>(number);
   for (char& byte : all) byte = static_cast<char>(state = mixed(state));
   return all;
 }
@@ -144,8 +144,8 @@ HeaderList headersOf(int number, HeaderList more = {}) {
   return more;
 }
 
-Request get(int number) { return Request("GET", path(number).c_str()); }
-Request getSteps(int number) { return Request("GET", path(number, 0).c_str()); }
+Request get(int number) { return {"GET", path(number).c_str()}; }
+Request getSteps(int number) { return {"GET", path(number, 0).c_str()}; }
 Request postSteps(int number) {
   return Request("POST", path(number, 0).c_str()).body(bytes(number));
 }
@@ -534,6 +534,7 @@ class MixedRun : public ::testing::Test {
  protected:
   void run() {
     std::vector<std::thread> threads;
+    threads.reserve(senders);
     for (int sender = 0; sender < senders; ++sender) {
       threads.emplace_back([this, sender] { sendAll(sender); });
     }

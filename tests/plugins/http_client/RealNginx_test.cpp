@@ -93,6 +93,7 @@ TEST_F(BehindNginx, SeveralWorkersGetEachRequestItsOwnAnswer) {
   serve("keepalive_requests 7;\nlocation /n/ { return 200 \"$request_uri\"; }");
   PluginUnderTest& plugin = connect(Config().numClients(4));
   std::vector<Message> batch;
+  batch.reserve(400);
   for (int i = 0; i < 400; ++i) {
     batch.push_back(Request("GET", ("/n/" + std::to_string(i)).c_str()).id(i).message());
   }

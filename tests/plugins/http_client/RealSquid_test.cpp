@@ -82,6 +82,7 @@ TEST_P(ThroughSquid, SeveralWorkersGetEachRequestItsOwnAnswer) {
   startSquid({"user", "pass"});
   PluginUnderTest plugin(toServer().proxyCredentials("user", "pass").numClients(4));
   std::vector<Message> batch;
+  batch.reserve(200);
   for (int i = 0; i < 200; ++i) {
     batch.push_back(Request("GET", ("/" + std::to_string(i)).c_str()).id(i).message());
   }

@@ -42,8 +42,10 @@ class Redirects : public ::testing::Test {
     _server.answer(from, {status, to(location), "moved"});
   }
   std::vector<std::string> targets() const {
+    const std::vector<RecordedRequest> requests = _server.requests();
     std::vector<std::string> all;
-    for (const auto& request : _server.requests()) all.push_back(request.target);
+    all.reserve(requests.size());
+    for (const auto& request : requests) all.push_back(request.target);
     return all;
   }
   ScriptedServer& server() { return _server; }
@@ -548,6 +550,7 @@ TEST_F(Redirects, HaveOneRetryForEachExchange) {
   const Answer answer = plugin.request(Request("POST", "/from").body("again"));
   EXPECT_EQ(answer.body(), "arrived") << answer.reason();
   Targets seen;
+  seen.reserve(4);
   for (const auto& request : failing.requests()) {
     seen.push_back(request.target);
     EXPECT_EQ(request.body, "again");

@@ -183,8 +183,12 @@ void Chain::reportInvalid(std::uint64_t line, const std::string& text) {
 void Chain::receive(const Message& response) {
   _answered.fetch_add(1);
   if (!isSuccess(response)) _failed.fetch_add(1);
-  // Counted off when it is written: nobody ends the output before.
-  write([&](MessageWriter& writer) { writer.writeResponse(response); }, _outstanding.isOne());
+  try {
+    write([&](MessageWriter& writer) { writer.writeResponse(response); }, _outstanding.isOne());
+  } catch (const std::exception& error) {
+    fail(error.what());
+  }
+  // Only now, when it is written: nobody ends the output before.
   _outstanding.remove(1);
 }
 

@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <unistd.h>
 #include <utility>
@@ -15,7 +16,6 @@
 #include "host/ChainFile.hpp"
 #include "host/HostLog.hpp"
 #include "host/MessageReader.hpp"
-#include "host/Outstanding.hpp"
 #include "host/PluginLibrary.hpp"
 #include "host/Progress.hpp"
 #include "host/StatusTable.hpp"
@@ -54,19 +54,14 @@ class Answers : public ResponseReceiver {
   Answers(std::size_t howMany, HostLog& log) : _log(log), _answers(howMany) {}
 
   void receive(const Message& response) override {
-    {
-      const orrery::AutoMutex lock(_mutex);
-      record(response);
-    }
-    outstanding.remove(1);
+    const orrery::AutoMutex lock(_mutex);
+    record(response);
   }
 
   std::vector<Answer> take() {
     const orrery::AutoMutex lock(_mutex);
     return std::move(_answers);
   }
-
-  Outstanding outstanding;
 
  private:
   void record(const Message& response) ORRERY_REQUIRES(_mutex) {
@@ -117,18 +112,17 @@ ChainDefinition demoChain(int port) {
   return chain;
 }
 
-void sendAll(const std::vector<DemoRequest>& requests, Transport& transport,
-             Outstanding& outstanding) {
+void sendAll(const std::vector<DemoRequest>& requests, Transport& transport) {
   MessageReader reader(Codec::Text, false);
   std::vector<Message> batch;
   for (std::size_t i = 0; i < requests.size(); ++i) {
     batch.push_back(std::get<Message>(reader.read(requests[i].line, i + 1)));
     if (batch.size() < batchSize && i + 1 < requests.size()) continue;
-    outstanding.add(batch.size());
-    transport.send(batch.data(), batch.data() + batch.size());
+    if (!transport.send(batch.data(), batch.data() + batch.size())) {
+      throw std::runtime_error("the transport refused a batch (see the log)");
+    }
     batch.clear();
   }
-  outstanding.endOfInput();
 }
 
 std::string shown(const std::string& body) {
@@ -177,10 +171,12 @@ ExitStatus runDemo() {
   {
     Transport transport(library, demoChain(server.port()), status, collected);
     transport.start();
-    sendAll(requests, transport, collected.outstanding);
-    collected.outstanding.waitUntilNone();
+    sendAll(requests, transport);
+    // Returns when everything has been answered; what is missing then will not come.
+    if (!transport.shutdown()) {
+      throw std::runtime_error("the transport could not be shut down (see the log)");
+    }
     items = status.items();
-    transport.shutdown();
   }
   log.showProgress({});
   const std::vector<Answer> answers = collected.take();

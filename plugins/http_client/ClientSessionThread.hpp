@@ -68,9 +68,8 @@ class HTTPClient::ClientSessionThread final : public orrery::Thread {
   // SessionSetup.cpp. Opens a session to `host`; the old one stays where that fails.
   void setSession(const std::string& host, std::uint64_t port);
   // Drops the session's connection, and whatever it may still hold, before its next request.
-  void resetSession();
+  void resetSession() noexcept;
   std::unique_ptr<PersistentSession> newSession(const std::string& host, std::uint16_t port) const;
-  void configureSession();
   // Serves the rest of the request from another server.
   void moveSession(const std::string& host, std::uint16_t port);
   void returnToConfiguredServer() noexcept;
@@ -119,6 +118,8 @@ class HTTPClient::ClientSessionThread final : public orrery::Thread {
   void handleRefusal(const char* message, request& req) noexcept;
   // The redirect could not be followed: logs, sets the status to FAILED and answers.
   void handleRedirectException(const char* name, const char* message, request& req) noexcept;
+  void failExchange(const char* what, const char* name, const char* message, request& req,
+                    long long statusCode) noexcept;
 
   // Whether the session leads to the configured server rather than to where a redirect pointed.
   bool atConfiguredServer() const noexcept { return configuredSession == nullptr; }

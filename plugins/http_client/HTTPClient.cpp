@@ -194,6 +194,9 @@ void HTTPClient::stopWorkers() {
   for (const auto& worker : clientSessionThreads) worker->stop();
   clientSessionThreads.clear();
   runningWorkers = 0;
+  if (const std::uint32_t dropped = queue->size(); dropped > 0) {
+    getLogger().warn("Dropped %u queued elements that no worker has taken", dropped);
+  }
 }
 
 // --- Exported functions --------------------------------------------------------------------------

@@ -70,7 +70,7 @@ bool HTTPClient::ClientSessionThread::processRedirectResponse(const HTTPResponse
   try {
     return followTo(response, req, id);
   } catch (const Poco::Exception& failure) {
-    throw RedirectFailed(failure.displayText(), failure.name());
+    throw RedirectFailed(failure.message(), failure.name());
   } catch (const std::exception& failure) {
     throw RedirectFailed(failure.what());
   }

@@ -7,12 +7,12 @@
 
 namespace connectivity::plugins {
 
-// what() is the error text for the host; name() the kind of failure behind it, null where there is
-// none beyond the text.
+// what() is the message of the failure; name() its kind, null where there is none beyond the
+// message.
 class RedirectFailed final : public std::runtime_error {
  public:
-  explicit RedirectFailed(const std::string& text, std::string name = {})
-      : std::runtime_error(text), _name(std::move(name)) {}
+  explicit RedirectFailed(const std::string& message, std::string name = {})
+      : std::runtime_error(message), _name(std::move(name)) {}
   const char* name() const noexcept { return _name.empty() ? nullptr : _name.c_str(); }
 
  private:

@@ -126,6 +126,7 @@ std::optional<std::string> readContentType(const map_t* http, const DataTConstan
   const data_t* value = given(http, constants.contentType);
   if (value == nullptr) return std::nullopt;
   std::string contentType = textOf(*value, "http.contentType");
+  if (contentType.empty()) return std::nullopt;
   if (contentType.starts_with("text/")) {
     contentType += ";charset=" + charset;
   }

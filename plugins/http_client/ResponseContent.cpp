@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "orrery/Exception.hpp"
+#include "plugins/http_client/ConfiguredOptions.hpp"
 
 namespace connectivity::plugins {
 
@@ -16,8 +17,8 @@ using std::size_t;
 using std::uint64_t;
 
 constexpr std::string_view truncationMarker = "[TRUNCATED]";
+// Drained in two steps where a stream size has 32 bits: there this count alone means "no limit".
 constexpr std::streamsize drainBytes = 2147483647;
-constexpr uint64_t bytesPerKB = 1000;
 
 bool isContinuation(char c) noexcept { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; }
 bool isLead(char c) noexcept { return static_cast<unsigned char>(c) >= 0xC0U; }
@@ -27,11 +28,9 @@ bool isLead(char c) noexcept { return static_cast<unsigned char>(c) >= 0xC0U; }
       "Error processing response stream: the response exceeds 4294967295 bytes");
 }
 
+// The limit in bytes; 0 also where there is none.
 uint64_t bytesOf(long long kilobytes) noexcept {
-  if (kilobytes <= 0) return 0;
-  const auto count = static_cast<uint64_t>(kilobytes);
-  constexpr uint64_t most = std::numeric_limits<uint64_t>::max() / 2;
-  return count > most / bytesPerKB ? most : count * bytesPerKB;
+  return kilobytes <= 0 ? 0 : static_cast<uint64_t>(limitBytes(kilobytes));
 }
 
 // One body's way into the buffer. The buffer may be longer than what is described as held here: it
@@ -91,7 +90,8 @@ class ContentReader {
     if (_limit == 0 && _body.good()) _body.peek();
     // A body of exactly the limit counts as over it: its end has not been seen yet.
     if (_count != _limit || !_body.good()) return;
-    _body.ignore(drainBytes);
+    _body.ignore(drainBytes - 1);
+    if (_body.good()) _body.ignore(1);
     if (_rejects) {
       throw ResponseLimitExceeded(
           "Response exceeded maxResponseKB, with maxResponsePolicy set to REJECT");

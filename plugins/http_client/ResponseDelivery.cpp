@@ -143,15 +143,7 @@ void HTTPClient::ClientSessionThread::answerWithError(request& req, const char* 
 void HTTPClient::ClientSessionThread::handleHTTPException(const char* name, const char* message,
                                                           request& req,
                                                           long long statusCode) noexcept {
-  std::string text = message;
-  if (name == nullptr) {
-    transportLog(Level::Warn, "Caught exception processing a request: %s", message);
-  } else {
-    transportLog(Level::Warn, "Caught exception processing a request: %s (%s)", name, message);
-    text = text.empty() ? name : std::string(name) + ": " + message;
-  }
-  owner.metrics.updateTransportStatus("FAILED");
-  answerWithError(req, text.c_str(), statusCode);
+  failExchange("Caught exception processing a request", name, message, req, statusCode);
 }
 
 void HTTPClient::ClientSessionThread::handleRefusal(const char* message, request& req) noexcept {
@@ -161,13 +153,23 @@ void HTTPClient::ClientSessionThread::handleRefusal(const char* message, request
 
 void HTTPClient::ClientSessionThread::handleRedirectException(const char* name, const char* message,
                                                               request& req) noexcept {
+  failExchange("Failed to perform HTTP redirect", name, message, req,
+               Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
+}
+
+// Logs "<what>: <name> (<message>)", or "<what>: <message>", and answers.
+void HTTPClient::ClientSessionThread::failExchange(const char* what, const char* name,
+                                                   const char* message, request& req,
+                                                   long long statusCode) noexcept {
+  std::string text = message;
   if (name == nullptr) {
-    transportLog(Level::Warn, "Failed to perform HTTP redirect: %s", message);
+    transportLog(Level::Warn, "%s: %s", what, message);
   } else {
-    transportLog(Level::Warn, "Failed to perform HTTP redirect: %s (%s)", name, message);
+    transportLog(Level::Warn, "%s: %s (%s)", what, name, message);
+    text = text.empty() ? name : std::string(name) + ": " + message;
   }
   owner.metrics.updateTransportStatus("FAILED");
-  answerWithError(req, message, Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
+  answerWithError(req, text.c_str(), statusCode);
 }
 
 }  // namespace connectivity::plugins

@@ -63,28 +63,12 @@ void HTTPClient::ClientSessionThread::setSession(const std::string& host, std::u
                  static_cast<unsigned long long>(configured.proxyPort));
     applyProxy(session->poco(), configured);
   }
-  configureSession();
-}
-
-// What a session needs beyond its target.
-void HTTPClient::ClientSessionThread::configureSession() {
-  const ConfiguredOptions& configured = owner.options;
   session->poco().setKeepAlive(true);
   session->poco().setTimeout(
       Poco::Timespan(static_cast<long>(std::min(configured.timeoutSecs, maxTimeoutSecs)), 0));
 }
 
-void HTTPClient::ClientSessionThread::resetSession() {
-  const ConfiguredOptions& configured = owner.options;
-  if (!configured.tls || configured.proxyHost.empty()) {
-    session->reset();
-    return;
-  }
-  // A session through a tunnel is replaced: what its buffers still hold goes with it.
-  session = newSession(sessionHost, sessionPort);
-  applyProxy(session->poco(), configured);
-  configureSession();
-}
+void HTTPClient::ClientSessionThread::resetSession() noexcept { session->reset(); }
 
 // Serves the rest of the request from another server; the session to the configured one is kept.
 void HTTPClient::ClientSessionThread::moveSession(const std::string& host, std::uint16_t port) {

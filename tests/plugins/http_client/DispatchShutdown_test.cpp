@@ -115,6 +115,7 @@ TEST(Shutdown, ReturnsWhereNothingWasStarted) {
   plugin.send(flushMessage(released));
   EXPECT_EQ(plugin.shutdown(), 0);
   EXPECT_EQ(plugin.answerCount(), 0U);
+  EXPECT_TRUE(plugin.log().contains("queued elements that no worker has taken"));
   plugin.destroy();
   EXPECT_TRUE(released->isSet());
 }

@@ -60,7 +60,8 @@ bool isSecret(std::string_view headerName) noexcept {
 }
 
 bool isForConfiguredServerOnly(std::string_view lowerCaseName) noexcept {
-  static constexpr std::array names{"authorization"sv, "cookie"sv, "host"sv};
+  static constexpr std::array names{"authorization"sv, "proxy-authorization"sv, "cookie"sv,
+                                    "host"sv};
   return isOneOf(lowerCaseName, names);
 }
 

@@ -28,8 +28,8 @@ bool belongsToTransport(std::string_view lowerCaseName) noexcept;
 // "<hidden>" in place of it.
 bool isSecret(std::string_view headerName) noexcept;
 
-// Headers meant for the configured server alone: authorization, cookie and host. A server that a
-// redirect leads to does not get them.
+// Headers meant for the configured server alone: authorization, proxy-authorization, cookie and
+// host. A server that a redirect leads to does not get them.
 bool isForConfiguredServerOnly(std::string_view lowerCaseName) noexcept;
 
 }  // namespace connectivity::plugins

@@ -147,6 +147,7 @@ TEST_F(RedirectsElsewhere, CarryNoCredentialCookieOrHostOfTheConfiguredServer) {
           .cookie("own", "2")
           .header("Cookie", "header=3")
           .header("Authorization", "Bearer secret")
+          .header("Proxy-Authorization", "Basic secret")
           .header("Host", "virtual.test")
           .header("X-Kept", "kept"));
   const RecordedRequest first = home().requests().back();
@@ -156,6 +157,7 @@ TEST_F(RedirectsElsewhere, CarryNoCredentialCookieOrHostOfTheConfiguredServer) {
 
   const RecordedRequest second = elsewhere().request(0);
   EXPECT_EQ(second.header("authorization"), std::nullopt);
+  EXPECT_EQ(second.header("proxy-authorization"), std::nullopt);
   EXPECT_EQ(second.header("cookie"), std::nullopt);
   EXPECT_EQ(second.header("host"), "127.0.0.1:" + std::to_string(elsewhere().port()));
   EXPECT_EQ(second.headerCount("host"), 1U);

@@ -138,9 +138,10 @@ class Run {
       _log.info("Stopping: reading no further, waiting for the answers still to come");
       for (const auto& chain : _chains) chain->stopReading();
     } else {
-      _log.warn("Stopping at once: what is queued is dropped");
       for (const auto& chain : _chains) chain->drop();
       _signals.letThrough();
+      // Behind its effect: who sees the line can rely on it.
+      _log.warn("Stopping at once: what is queued is dropped");
     }
   }
 

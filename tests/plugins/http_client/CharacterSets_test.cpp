@@ -38,6 +38,15 @@ TEST(CharacterSets, TextOfTwoByteCharactersFitsItsOwnLength) {
   EXPECT_EQ(convertToISO88591(text), std::string(1000, '\xE9'));
 }
 
+TEST(CharacterSets, TwoByteCharactersNeedTwoBytesMoreThanTheirNumber) {
+  std::string text;
+  for (unsigned int count = 1; count <= 50; ++count) {
+    text += eAcute;
+    EXPECT_EQ(convertBetweenCharsets(text, "UTF-8", "iso8859-1", count + 2),
+              std::string(count, '\xE9'));
+  }
+}
+
 TEST(CharacterSets, TheResultGrowsToFourTimesTheText) {
   EXPECT_EQ(convertFromISO88591(std::string(1000, '\xE9')).size(), 2000U);
   EXPECT_EQ(convertFromCharset("\x81\x30\x81\x30", "GB18030"), "\xC2\x80");

@@ -192,6 +192,15 @@ TEST_F(MetricsTest, ShowsHowEvenlyTheWorkersAreBusy) {
   EXPECT_EQ(item("concurrencyUtilizationPercent"), "50");
 }
 
+// The total is read at another moment than its parts. Here it has wrapped, and is less than they
+// are.
+TEST_F(MetricsTest, ShowsNoUtilisationBelowZeroWhereTheTotalIsLessThanItsParts) {
+  metrics->addBusyTime(0, 1.8e16);
+  metrics->addBusyTime(1, 1.8e16);
+  metrics->updateConcurrencyUtilizationStatus();
+  EXPECT_EQ(item("concurrencyUtilizationPercent"), "0");
+}
+
 TEST_F(MetricsTest, ShowsAHundredForEvenWorkAndNoneForOneWorkerAlone) {
   metrics->addBusyTime(1, 0.010);
   metrics->updateConcurrencyUtilizationStatus();

@@ -2,7 +2,9 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -26,6 +28,11 @@ struct Refusal {
 std::string nameOf(const ::testing::TestParamInfo<Refusal>& info) { return info.param.name; }
 
 Request get() { return {"GET", "/x"}; }
+
+data_t hostObject() {
+  Message flush = flushMessage(std::make_shared<Event>());
+  return std::move(*flush.metadata.findText("qor.controlObject"));
+}
 
 class RefusedRequest : public ::testing::TestWithParam<Refusal> {};
 
@@ -119,6 +126,8 @@ INSTANTIATE_TEST_SUITE_P(
                 "http.headers.X-A must not hold control characters"},
         Refusal{"WithACarriageReturnInAHeader", [] { return get().header("X-A", "b\rc"); },
                 "http.headers.X-A must not hold control characters"},
+        Refusal{"WithADeleteCharacterInAHeader", [] { return get().header("X-A", "b\x7F"); },
+                "http.headers.X-A must not hold control characters"},
         Refusal{"WithAHeaderNameThatIsNoToken", [] { return get().header("X A", "b"); },
                 "http.headers.X A is not a valid header name"},
         Refusal{"WithAnEmptyHeaderName", [] { return get().header("", "b"); },
@@ -148,6 +157,13 @@ INSTANTIATE_TEST_SUITE_P(
                 [] { return Request("POST", "/x").payload(data_t::borrow("text")); }, payloadText},
         Refusal{"ThatIsANumber", [] { return Request("POST", "/x").payload(data_t(7)); },
                 payloadText},
+        Refusal{"ThatIsADouble", [] { return Request("POST", "/x").payload(data_t(1.5)); },
+                payloadText},
+        Refusal{"ThatIsADecimal",
+                [] { return Request("POST", "/x").payload(data_t(connectivity::decimal_t{1})); },
+                payloadText},
+        Refusal{"ThatIsAnObjectOfTheHosts",
+                [] { return Request("POST", "/x").payload(hostObject()); }, payloadText},
         Refusal{"ThatIsABoolean", [] { return Request("POST", "/x").payload(data_t(true)); },
                 payloadText},
         Refusal{"ThatIsAList",

@@ -298,6 +298,15 @@ TEST(ResponseReading, CorruptCodingIsASeriousFailure) {
   EXPECT_EQ(Exchange(gzip("text")).coding("deflate").failure(), seriousError);
 }
 
+// Some servers send deflate's bytes without the zlib format around them.
+TEST(ResponseReading, DeflateWithoutItsFrameIsASeriousFailure) {
+  const std::string framed = zlib(std::string(500, 'x'));
+  constexpr std::size_t header = 2;
+  constexpr std::size_t checksum = 4;
+  const std::string raw = framed.substr(header, framed.size() - header - checksum);
+  EXPECT_EQ(Exchange(raw).coding("deflate").failure(), seriousError);
+}
+
 TEST(ResponseReading, CodingThatBreaksOffAnywhereIsAFailure) {
   for (const std::string& text : {std::string("some text"), std::string(), noise(2000)}) {
     for (const char* coding : {"gzip", "deflate"}) {

@@ -35,6 +35,25 @@ TEST(ResponseHead, HeaderLinesOfEveryLengthNearTheTrapArrive) {
   }
 }
 
+TEST(ResponseHead, HeaderOfTheLargestNameAndValueArrives) {
+  const std::string name(256, 'n');
+  const std::string value(8192, 'v');
+  const Answer answer =
+      answerTo("HTTP/1.1 200 OK\r\n" + name + ": " + value + "\r\nContent-Length: 2\r\n\r\nok");
+  EXPECT_EQ(answer.status(), 200) << answer.reason();
+  EXPECT_EQ(answer.header(name), value);
+  EXPECT_EQ(answer.body(), "ok");
+}
+
+TEST(ResponseHead, HeaderWithALargerNameOrValueIsAFailure) {
+  for (const std::string& field : {"X: " + std::string(8193, 'v'), std::string(257, 'n') + ": v"}) {
+    const Answer answer =
+        answerTo("HTTP/1.1 200 OK\r\n" + field + "\r\nContent-Length: 2\r\n\r\nok");
+    EXPECT_EQ(answer.status(), 400);
+    EXPECT_TRUE(answer.isError());
+  }
+}
+
 std::string headWithFields(int count) {
   std::string head = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n";
   for (int field = 1; field < count; ++field) {

@@ -60,6 +60,38 @@ TEST(SessionRetry, SecondFailureIsReportedWithStatus400AndNotRetried) {
   EXPECT_EQ(plugin.statusItem(".status"), "FAILED");
 }
 
+TEST(SessionRetry, RequestOnAKeptConnectionIsSentASecondTimeOnANewOne) {
+  for (const auto& failure : {&readAndClose, &readAndReset}) {
+    const auto answerThenFail = [failure](Connection& connection) {
+      answerOnce(connection);
+      failure(connection);
+    };
+    ScriptedServer server({answerThenFail, answerOnce});
+    PluginUnderTest plugin(Config(server.port()));
+    EXPECT_EQ(plugin.request(Request("GET", "/first")).status(), 200);
+    EXPECT_EQ(plugin.request(Request("POST", "/second").body("again")).body(), "answered");
+    ASSERT_EQ(server.requestCount(), 3U);
+    EXPECT_EQ(server.request(1).raw, server.request(2).raw);
+    EXPECT_EQ(server.connectionCount(), 2U);
+    EXPECT_EQ(plugin.log().count(retryLine), 1U);
+  }
+}
+
+TEST(SessionRetry, SecondFailureAfterAKeptConnectionIsReportedWithStatus400) {
+  const auto answerThenClose = [](Connection& connection) {
+    answerOnce(connection);
+    readAndClose(connection);
+  };
+  ScriptedServer server({answerThenClose, readAndClose});
+  PluginUnderTest plugin(Config(server.port()));
+  EXPECT_EQ(plugin.request(Request("GET", "/first")).status(), 200);
+  const Answer answer = plugin.request(Request("GET", "/second"));
+  EXPECT_EQ(answer.status(), 400);
+  EXPECT_TRUE(answer.reason().starts_with("No message received")) << answer.reason();
+  EXPECT_EQ(server.requestCount(), 3U);
+  EXPECT_EQ(plugin.log().count(retryLine), 1U);
+}
+
 TEST(SessionRetry, EachRequestHasARetryOfItsOwn) {
   ScriptedServer server({readAndClose, answerOnce, readAndReset, answerOnce});
   PluginUnderTest plugin(Config(server.port()));

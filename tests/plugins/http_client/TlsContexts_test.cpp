@@ -11,6 +11,7 @@
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 
+#include "tests/plugins/http_client/EnvironmentVariable.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/TemporaryDirectory.hpp"
 
@@ -58,6 +59,21 @@ TEST(TlsContexts, LoadTheAuthoritiesOnce) {
   const Context::Ptr one = contexts.contextFor("one.test");
   const Context::Ptr two = contexts.contextFor("two.test");
   EXPECT_EQ(SSL_CTX_get_cert_store(one->sslContext()), SSL_CTX_get_cert_store(two->sslContext()));
+}
+
+int authoritiesOf(TlsContexts& contexts) {
+  SSL_CTX* const context = contexts.contextFor("server.test")->sslContext();
+  return sk_X509_OBJECT_num(X509_STORE_get0_objects(SSL_CTX_get_cert_store(context)));
+}
+
+TEST(TlsContexts, TrustTheSystemsAuthoritiesAndThoseOfTheCaFile) {
+  const test_support::CertificateAuthority ofTheSystem;
+  const test_support::CertificateAuthority own;
+  const test_support::EnvironmentVariable file("SSL_CERT_FILE", ofTheSystem.caFile());
+  TlsContexts systems("", false);
+  EXPECT_EQ(authoritiesOf(systems), 1);
+  TlsContexts both(own.caFile(), false);
+  EXPECT_EQ(authoritiesOf(both), 2);
 }
 
 TEST(TlsContexts, AreOneAndCheckNothingWhereEverythingIsAccepted) {

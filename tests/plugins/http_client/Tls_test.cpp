@@ -7,6 +7,7 @@
 #include <Poco/Net/SSLManager.h>
 #include <gtest/gtest.h>
 
+#include "tests/plugins/http_client/EnvironmentVariable.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -57,6 +58,13 @@ TEST_F(Tls, AuthorityFromTheConfigurationIsTrusted) {
   EXPECT_TRUE(
       line->text.ends_with("Connecting to https://127.0.0.1:" + std::to_string(server.port()) +
                            "/base using CA file " + _authority.caFile()));
+}
+
+TEST_F(Tls, AuthorityOfTheSystemIsTrustedWithoutACaFile) {
+  const EnvironmentVariable file("SSL_CERT_FILE", _authority.caFile());
+  ScriptedServer server(answerWithTarget, TlsOptions{_authority.issue()});
+  PluginUnderTest plugin(Config(server.port()).tls());
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).body(), "/x");
 }
 
 TEST_F(Tls, NameOfTheServerIsCheckedByNameToo) {

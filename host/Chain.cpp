@@ -47,6 +47,7 @@ Chain::Chain(const ChainDefinition& definition, StatusTable& status, HostLog& lo
 Chain::~Chain() {
   _ending.store(true);
   _transport.reset();
+  _output.reset();
 }
 
 void Chain::start() {
@@ -215,7 +216,7 @@ void Chain::write(Write&& write, bool flushNow) {
 
 void Chain::onOutputFailure(const std::string& reason) {
   fail(reason);
-  drop();
+  if (!_ending.load()) drop();
 }
 
 void Chain::fail(const std::string& reason) {

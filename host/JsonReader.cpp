@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <limits>
 #include <optional>
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -18,7 +19,6 @@
 
 namespace host {
 
-using connectivity::buffer_t;
 using connectivity::data_t;
 using connectivity::decimal_t;
 using connectivity::list_t;
@@ -85,14 +85,19 @@ data_t readBinary(data_t& value) {
   return data_t(std::move(*bytes));
 }
 
+std::span<data_t> elementsOf(list_t& list) {
+  if (list.empty()) return {};
+  return {&list[0], static_cast<std::size_t>(list.size())};
+}
+
 data_t readMap(data_t& value) {
   constexpr auto shape = "$map must be an array of [key, value] arrays";
   if (value.tag() != QOR_LIST) throw JsonError(shape);
   auto& pairs = connectivity::get<list_t>(value);
   map_t map = mapForEntries(pairs.size());
-  for (std::uint64_t i = 0; i < pairs.size(); ++i) {
-    if (pairs[i].tag() != QOR_LIST) throw JsonError(shape);
-    auto& pair = connectivity::get<list_t>(pairs[i]);
+  for (data_t& element : elementsOf(pairs)) {
+    if (element.tag() != QOR_LIST) throw JsonError(shape);
+    auto& pair = connectivity::get<list_t>(element);
     if (pair.size() != 2) throw JsonError(shape);
     if (!map.insert(std::move(pair[0]), std::move(pair[1])).second) {
       throw JsonError("a key is repeated in $map");

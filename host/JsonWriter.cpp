@@ -15,7 +15,6 @@
 
 namespace host {
 
-using connectivity::custom_t;
 using connectivity::data_t;
 using connectivity::decimal_t;
 using connectivity::list_t;
@@ -41,7 +40,7 @@ bool comesBefore(const data_t& left, const data_t& right) {
   if (left.tag() != right.tag()) return left.tag() < right.tag();
   if (left.tag() == QOR_INT64) return get<long long>(left) < get<long long>(right);
   if (left.tag() == QOR_DOUBLE) {
-    return std::strong_order(get<double>(left), get<double>(right)) < 0;
+    return std::is_lt(std::strong_order(get<double>(left), get<double>(right)));
   }
   return toJson(left) < toJson(right);
 }
@@ -154,11 +153,11 @@ void JsonWriter::writeInteger(long long value) {
 }
 
 void JsonWriter::writeDecimal(decimal_t value) {
-  _out += opening(numberDecimalKey) + decimalToText(value.bits) + "\"}";
+  _out += opening(numberDecimalKey) + decimalToText(value.bits) + R"("})";
 }
 
 void JsonWriter::writeBinary(std::string_view bytes) {
-  _out += std::string("{\"") + binaryKey + "\":{\"base64\":\"";
+  _out += std::string("{\"") + binaryKey + R"(":{"base64":")";
   appendBase64(bytes, _out);
   _out += R"(","subType":"00"}})";
 }

@@ -28,7 +28,7 @@ Signals::~Signals() {
   ::close(_descriptor);
 }
 
-bool Signals::take() noexcept {
+bool Signals::take() const noexcept {
   signalfd_siginfo about{};
   return ::read(_descriptor, &about, sizeof about) == static_cast<ssize_t>(sizeof about);
 }

@@ -18,7 +18,7 @@ class Signals {
   // Readable while a signal is pending.
   int descriptor() const noexcept { return _descriptor; }
   // Takes a pending signal; false where there is none.
-  bool take() noexcept;
+  bool take() const noexcept;
   // From now on SIGINT and SIGTERM end the process.
   void letThrough() noexcept;
 

@@ -175,10 +175,14 @@ std::string statusAsMetrics(const StatusItems& items) {
     const auto dot = key.rfind('.');
     if (dot == std::string::npos || !isInteger(text)) continue;
     const std::string name = metricName(std::string_view(key).substr(dot + 1));
-    samples[name] += name + "{transport=\"" + labelValue(key.substr(0, dot)) + "\"} " + text + "\n";
+    std::string& lines = samples[name];
+    lines.append(name).append("{transport=\"").append(labelValue(key.substr(0, dot)));
+    lines.append("\"} ").append(text).append("\n");
   }
   std::string out;
-  for (const auto& [name, lines] : samples) out += "# TYPE " + name + " gauge\n" + lines;
+  for (const auto& [name, lines] : samples) {
+    out.append("# TYPE ").append(name).append(" gauge\n").append(lines);
+  }
   return out;
 }
 

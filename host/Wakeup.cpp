@@ -15,7 +15,7 @@ Wakeup::Wakeup() : _descriptor(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
 
 Wakeup::~Wakeup() { ::close(_descriptor); }
 
-void Wakeup::set() noexcept {
+void Wakeup::set() const noexcept {
   const std::uint64_t one = 1;
   // It fails only where the count is at its end, and then the flag is set.
   [[maybe_unused]] const ssize_t written = ::write(_descriptor, &one, sizeof one);

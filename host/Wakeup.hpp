@@ -12,7 +12,7 @@ class Wakeup {
   Wakeup(const Wakeup&) = delete;
   Wakeup& operator=(const Wakeup&) = delete;
 
-  void set() noexcept;
+  void set() const noexcept;
   bool isSet() const noexcept;
   // Readable once the flag is set; never to be read from.
   int descriptor() const noexcept { return _descriptor; }

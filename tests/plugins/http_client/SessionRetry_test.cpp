@@ -14,8 +14,11 @@ constexpr const char* retryLine = "processing a request, will retry once: ";
 // Whole seconds is what the configuration takes. Few tests wait for a time-out; each says so.
 constexpr int shortestTimeoutSecs = 1;
 
+// Says that it closes, so that no request is sent while the connection goes.
 void answerOnce(Connection& connection) {
-  if (connection.readRequest()) connection.sendResponse(200, {}, "answered");
+  if (connection.readRequest()) {
+    connection.sendResponse(200, {{"Connection", "close"}}, "answered");
+  }
 }
 void readAndClose(Connection& connection) { connection.readRequest(); }
 void readAndReset(Connection& connection) {
@@ -103,7 +106,7 @@ TEST(SessionRetry, EachRequestHasARetryOfItsOwn) {
 TEST(SessionRetry, FollowUpOfARedirectHasARetryOfItsOwn) {
   const auto redirect = [](Connection& connection) {
     connection.readRequest();
-    connection.sendResponse(302, {{"Location", "/there"}});
+    connection.sendResponse(302, {{"Location", "/there"}, {"Connection", "close"}});
   };
   ScriptedServer server({readAndClose, redirect, readAndClose, answerOnce});
   PluginUnderTest plugin(Config(server.port()));

@@ -1,12 +1,18 @@
 // From a batch to the workers, and back: keys, flushes, barriers, deliveries.
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
+#include <cstdint>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
+#include <sys/types.h>
 #include <thread>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -78,6 +84,27 @@ TEST(Dispatch, PerformsMessagesOfOneKeyInOrderOnOneWorkerThoughOthersAreIdle) {
   for (const auto id : upTo(30)) plugin.send(get(id).key("same"));
   EXPECT_EQ(idsOf(plugin.waitForAnswers(30)), upTo(30));
   EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(Dispatch, ChoosesTheWorkerByTheLow32BitsOfTheKeysHash) {
+  EchoServer server;
+  constexpr std::uint32_t workers = 3;
+  PluginUnderTest plugin{Config(server.port()).numClients(workers)};
+  std::set<std::uint32_t> used;
+  bool allBitsChooseAlike = true;
+  for (const char* const name : {"a", "b", "c", "d", "e", "f", "g", "h"}) {
+    const std::string path = std::string("/") + name;
+    plugin.request(Request("GET", path.c_str()).key(name));
+    const auto hash = connectivity::hashes::hash(textValue(name));
+    const auto worker = static_cast<std::uint32_t>(hash) % workers;
+    EXPECT_TRUE(plugin.log().contains("{" + std::to_string(worker) +
+                                      "} Handling a request for GET path " + path))
+        << name;
+    used.insert(worker);
+    allBitsChooseAlike = allBitsChooseAlike && hash % workers == worker;
+  }
+  EXPECT_EQ(used.size(), workers);
+  EXPECT_FALSE(allBitsChooseAlike);  // or the keys would prove nothing
 }
 
 TEST(Dispatch, TakesAKeyOfAnyKindThatCanBeHashed) {
@@ -434,43 +461,135 @@ TEST(Dispatch, RefusesToBeConnectedFromADelivery) {
                             "connected from one of its own workers"));
 }
 
+bool isAsleep(pid_t thread) {
+  std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+  std::string line;
+  std::getline(file, line);
+  const auto name = line.rfind(')');  // the state follows it
+  return name != std::string::npos && line.substr(name + 1, 2) == " S";
+}
+
+TEST(Dispatch, AnotherHostSideWaitsForTheDeliveryUnderWay) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port())};
+  Event arrived("the answer at the second host side");
+  const auto note = [](void* handle, qor_message_t*, qor_message_t*) {
+    static_cast<Event*>(handle)->set();
+    return 0;
+  };
+  std::atomic<pid_t> thread{0};
+  std::atomic<bool> replaced{false};
+  std::jthread connecting;
+  plugin.onDelivery([&](const Answer&) {
+    connecting = std::jthread([&] {
+      thread = gettid();
+      EXPECT_EQ(plugin.library().setNextTowardsHost(plugin.instance(), &arrived, note), 0);
+      replaced = true;
+    });
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (!replaced && !(thread != 0 && isAsleep(thread))) {
+      if (std::chrono::steady_clock::now() > end) throw TimedOut("the second host side to wait");
+      std::this_thread::yield();
+    }
+    EXPECT_FALSE(replaced);
+  });
+  plugin.request(get(1));
+  connecting.join();
+  EXPECT_TRUE(replaced);
+  plugin.send(get(2));
+  arrived.wait();
+  EXPECT_EQ(plugin.answerCount(), 1U);
+}
+
 // --- The host calls back -----------------------------------------------------------------------
 
-// A log of the host that does something for each line of a batch's reading.
-class CallingLog {
+// A log of the host that does something for each line.
+class ActingLog {
  public:
-  explicit CallingLog(std::function<void()> action) : _action(std::move(action)) {
+  using Action = std::function<void(std::string_view text)>;
+  explicit ActingLog(Action action) : _action(std::move(action)) {
     qor_set_log_services(&_services);
   }
-  ~CallingLog() { qor_set_log_services(nullptr); }
-  CallingLog(const CallingLog&) = delete;
-  CallingLog& operator=(const CallingLog&) = delete;
-  int calls() const { return _calls; }
+  ~ActingLog() { qor_set_log_services(nullptr); }
+  ActingLog(const ActingLog&) = delete;
+  ActingLog& operator=(const ActingLog&) = delete;
 
  private:
   static int level(void*, const char*) { return QOR_LOG_DEBUG; }
   static void write(void* context, const char*, int, const char* text) {
-    auto& self = *static_cast<CallingLog*>(context);
-    if (std::string_view(text).find("HTTPClient - ") == std::string_view::npos) return;
-    if (self._calls.fetch_add(1) < 4) self._action();
+    static_cast<ActingLog*>(context)->_action(text);
   }
-  const std::function<void()> _action;
-  std::atomic<int> _calls{0};
+  const Action _action;
   const qor_log_services_t _services{this, &level, &write};
 };
+
+bool holds(std::string_view text, std::string_view part) {
+  return text.find(part) != std::string_view::npos;
+}
 
 TEST(Dispatch, LetsTheHostSendABatchFromItsLogFunction) {
   EchoServer server;
   LogDouble unused;
   PluginUnderTest* sender = nullptr;
-  const CallingLog log([&] { EXPECT_EQ(sender->send(get(9).key("b")), 0); });
+  std::atomic<int> calls{0};
+  const ActingLog log([&](std::string_view text) {
+    // For each line of a batch's reading.
+    if (!holds(text, "HTTPClient - ") || calls.fetch_add(1) >= 4) return;
+    EXPECT_EQ(sender->send(get(9).key("b")), 0);
+  });
   PluginOptions options;
   options.log = &unused;
   PluginUnderTest plugin{Config(server.port()).numClients(2), options};
   sender = &plugin;
   plugin.send(get(1).key("a").flush());
   plugin.waitForAnswers(5);
-  EXPECT_GE(log.calls(), 4);
+  EXPECT_GE(calls, 4);
+}
+
+// Deliveries whose first is refused. The worker of the first is held at the line that says so until
+// the second is under way; the second then waits for what that worker counts next.
+struct MeetingDeliveries {
+  PluginUnderTest* plugin = nullptr;
+  Event secondBegun{"the second delivery"};
+  std::atomic<int> deliveries{0};
+  std::atomic<bool> counted{false};
+
+  static int deliver(void* handle, qor_message_t*, qor_message_t*) {
+    auto& self = *static_cast<MeetingDeliveries*>(handle);
+    if (self.deliveries.fetch_add(1) == 0) return 7;
+    self.secondBegun.set();
+    try {
+      self.plugin->status().waitFor("plugin.chain.requestSizeMaxInLastHourBytes", "100");
+      self.counted = true;
+    } catch (const TimedOut& failure) {
+      ADD_FAILURE() << failure.what();
+    }
+    return 0;
+  }
+};
+
+TEST(Dispatch, CountsARequestWhileTheDeliveryOfAnotherBlocks) {
+  EchoServer server;
+  LogDouble unused;
+  MeetingDeliveries meeting;
+  const ActingLog log([&](std::string_view text) {
+    if (holds(text, "The host refused a response")) meeting.secondBegun.wait();
+  });
+  PluginOptions options;
+  options.log = &unused;
+  options.start = false;
+  PluginUnderTest plugin{Config(server.port()).numClients(2), options};
+  meeting.plugin = &plugin;
+  ASSERT_EQ(
+      plugin.library().setNextTowardsHost(plugin.instance(), &meeting, &MeetingDeliveries::deliver),
+      0);
+  ASSERT_EQ(plugin.start(), 0);
+  for (const auto id : upTo(2)) {
+    plugin.send(Request("POST", "/x").id(id).body(std::string(100, 'x')));
+  }
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(meeting.deliveries, 2);
+  EXPECT_TRUE(meeting.counted);
 }
 
 // A flush object that sends a batch when it is freed.

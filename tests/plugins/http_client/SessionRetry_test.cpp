@@ -14,6 +14,9 @@ constexpr const char* retryLine = "processing a request, will retry once: ";
 // Whole seconds is what the configuration takes. Few tests wait for a time-out; each says so.
 constexpr int shortestTimeoutSecs = 1;
 
+void answerAndKeep(Connection& connection) {
+  if (connection.readRequest()) connection.sendResponse(200, {}, "answered");
+}
 // Says that it closes, so that no request is sent while the connection goes.
 void answerOnce(Connection& connection) {
   if (connection.readRequest()) {
@@ -66,7 +69,7 @@ TEST(SessionRetry, SecondFailureIsReportedWithStatus400AndNotRetried) {
 TEST(SessionRetry, RequestOnAKeptConnectionIsSentASecondTimeOnANewOne) {
   for (const auto& failure : {&readAndClose, &readAndReset}) {
     const auto answerThenFail = [failure](Connection& connection) {
-      answerOnce(connection);
+      answerAndKeep(connection);
       failure(connection);
     };
     ScriptedServer server({answerThenFail, answerOnce});
@@ -82,7 +85,7 @@ TEST(SessionRetry, RequestOnAKeptConnectionIsSentASecondTimeOnANewOne) {
 
 TEST(SessionRetry, SecondFailureAfterAKeptConnectionIsReportedWithStatus400) {
   const auto answerThenClose = [](Connection& connection) {
-    answerOnce(connection);
+    answerAndKeep(connection);
     readAndClose(connection);
   };
   ScriptedServer server({answerThenClose, readAndClose});

@@ -71,7 +71,10 @@ std::string describeForm(HTTPServerRequest& request) {
   std::map<std::string, std::string> fields = std::move(files.described);
   for (const auto& [name, value] : form) fields[name] = value;
   std::string text;
-  for (const auto& [name, value] : fields) text += (text.empty() ? "" : "&") + name + "=" + value;
+  for (const auto& [name, value] : fields) {
+    if (!text.empty()) text += '&';
+    text.append(name).append("=").append(value);
+  }
   return text;
 }
 

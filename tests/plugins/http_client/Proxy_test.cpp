@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include "connectivity/value_access.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/RealServers.hpp"
@@ -174,6 +175,39 @@ TEST_F(Tunnel, WithWrongCredentialsIsRefused) {
   const Answer answer = plugin.request(Request("GET", "/x"));
   EXPECT_EQ(answer.status(), 400);
   EXPECT_NE(answer.reason().find("407"), std::string::npos) << answer.reason();
+}
+
+void expectNoSecret(PluginUnderTest& plugin, const Answer& answer) {
+  // The second is "user:tell-nobody".
+  for (const std::string secret : {"tell-nobody", "dXNlcjp0ZWxsLW5vYm9keQ"}) {
+    EXPECT_FALSE(plugin.log().contains(secret));
+    for (const auto& [key, text] : plugin.status().items()) {
+      EXPECT_EQ(text.find(secret), std::string::npos) << key;
+    }
+    EXPECT_EQ(answer.body().find(secret), std::string::npos);
+    EXPECT_EQ(connectivity::toText(data_t(answer.metadata().copy())).find(secret),
+              std::string::npos);
+  }
+}
+
+TEST(ProxyCredentials, AreToldToNobodyButTheProxy) {
+  ScriptedServer server(answerWithTarget);
+  ScriptedProxy proxy(wanting("user:tell-nobody"));
+  PluginUnderTest plugin(
+      Config(server.port()).proxy(proxy.port()).proxyCredentials("user", "tell-nobody"));
+  const Answer answer = plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(answer.status(), 200);
+  expectNoSecret(plugin, answer);
+}
+
+TEST_F(Tunnel, ThatFailsTellsNobodyTheCredentials) {
+  for (const char* const wanted : {"user:tell-nobody", "user:other"}) {
+    ScriptedProxy proxy(wanting(wanted));
+    PluginUnderTest plugin(through(proxy, unusedPort()).proxyCredentials("user", "tell-nobody"));
+    const Answer answer = plugin.request(Request("GET", "/x"));
+    EXPECT_EQ(answer.status(), 400);
+    expectNoSecret(plugin, answer);
+  }
 }
 
 TEST_F(Tunnel, ChecksTheServersNameAndNotTheProxys) {

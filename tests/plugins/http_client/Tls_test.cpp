@@ -340,5 +340,21 @@ TEST_F(Tls, WritingToAClosedConnectionIsAFailureAndNoSignal) {
   EXPECT_EQ(plugin.request(Request("POST", "/x").body(std::string(5'000'000, 'x'))).body(), "/x");
 }
 
+TEST_F(Tls, ShutdownAfterTheServerHasGoneRaisesNoSignal) {
+  // SIGPIPE keeps its default here: a farewell to the server that raised it would end this process.
+  ScriptedServer server(
+      [](Connection& connection) {
+        connection.readRequest();
+        connection.sendResponse(200);
+        connection.halfClose();
+        connection.reset();
+      },
+      TlsOptions{_authority.issue()});
+  PluginUnderTest plugin(trusting(server.port()));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).status(), 200);
+  server.waitForEndedConnections(1);
+  EXPECT_EQ(plugin.shutdown(), 0);
+}
+
 }  // namespace
 }  // namespace test_support

@@ -1,6 +1,7 @@
 #include "host/Chain.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <thread>
@@ -20,6 +21,10 @@ namespace {
 // What is sent at once. Large enough to make the hand-over cheap, small enough for answers to come
 // while the next batch is read.
 constexpr std::size_t maxBatch = 128;
+// A batch that had to wait this long, with so many requests outstanding, has met a full queue (the
+// transport's holds 2048 messages).
+constexpr std::chrono::microseconds fullQueueWait{500};
+constexpr std::uint64_t queueCapacity = 2048;
 constexpr std::size_t keptLineCapacity = std::size_t{1024} * 1024;
 
 // Whether the status is one that counts as success; a response without status is a failure.
@@ -136,6 +141,18 @@ Message Chain::flushMessage(FlushRequest&& flush) {
 }
 
 void Chain::sendBatch() {
+  if (_batch.empty()) return;
+  // Behind a full queue, room for the whole batch is waited for here: in the queue, each message
+  // would wait for a place of its own, and every answer would cost a change of threads.
+  if (_fullLevel > 0) _outstanding.waitUntilAtMost(_fullLevel - _batch.size());
+  const auto begin = std::chrono::steady_clock::now();
+  handOver();
+  if (std::chrono::steady_clock::now() - begin < fullQueueWait) return;
+  const std::uint64_t outstanding = _outstanding.count();
+  if (outstanding >= queueCapacity) _fullLevel = std::max(_fullLevel, outstanding);
+}
+
+void Chain::handOver() {
   const auto requests = static_cast<std::uint64_t>(std::count_if(
       _origins.begin(), _origins.end(), [](const Origin& origin) { return !origin.isFlush; }));
   _sent.fetch_add(requests);
@@ -185,7 +202,8 @@ void Chain::receive(const Message& response) {
   _answered.fetch_add(1);
   if (!isSuccess(response)) _failed.fetch_add(1);
   try {
-    write([&](MessageWriter& writer) { writer.writeResponse(response); }, _outstanding.isOne());
+    write([&](MessageWriter& writer) { writer.writeResponse(response); },
+          _outstanding.count() == 1);
   } catch (const std::exception& error) {
     fail(error.what());
   }

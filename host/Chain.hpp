@@ -80,6 +80,7 @@ class Chain final : private ResponseReceiver {
   void handle(const InputLines::Line& line);
   connectivity::Message flushMessage(FlushRequest&& flush);
   void sendBatch();
+  void handOver();
   bool wasTaken(std::size_t index) const;
   std::size_t firstNotTaken(std::size_t from) const;
   void takeBack(std::size_t index);
@@ -101,6 +102,7 @@ class Chain final : private ResponseReceiver {
   // Below: used by the reading thread.
   MessageReader _reader;
   std::vector<connectivity::Message> _batch;
+  std::uint64_t _fullLevel = 0;  // how many were outstanding at a full queue; 0: none was met
   std::vector<Origin> _origins;  // of the messages in _batch
 
   orrery::Mutex _writerMutex{"ChainWriter"};

@@ -11,14 +11,21 @@ void Outstanding::add(std::uint64_t count) {
 
 void Outstanding::remove(std::uint64_t count) {
   const orrery::AutoMutex lock(_mutex);
+  const std::uint64_t before = _count;
   // A plug-in that answers more than it was asked must not make the count wrap.
   _count -= std::min(count, _count);
-  if (_count == 0 && !_reading) _changed.broadcast();
+  if (_count == 0 || (before > _awaitedLevel && _count <= _awaitedLevel)) _changed.broadcast();
 }
 
-bool Outstanding::isOne() const {
+std::uint64_t Outstanding::count() const {
   const orrery::AutoMutex lock(_mutex);
-  return _count == 1;
+  return _count;
+}
+
+void Outstanding::waitUntilAtMost(std::uint64_t level) {
+  const orrery::AutoMutex lock(_mutex);
+  _awaitedLevel = level;
+  while (!_abandoned && _count > level) _changed.wait();
 }
 
 void Outstanding::endOfInput() {

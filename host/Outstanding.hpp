@@ -12,8 +12,9 @@ class Outstanding {
  public:
   void add(std::uint64_t count) ORRERY_EXCLUDES(_mutex);
   void remove(std::uint64_t count) ORRERY_EXCLUDES(_mutex);
-  // Whether a single request or flush is outstanding.
-  bool isOne() const ORRERY_EXCLUDES(_mutex);
+  std::uint64_t count() const ORRERY_EXCLUDES(_mutex);
+  // Waits until no more than `level` are outstanding, or for abandon(). For one thread.
+  void waitUntilAtMost(std::uint64_t level) ORRERY_EXCLUDES(_mutex);
   void endOfInput() ORRERY_EXCLUDES(_mutex);
   // Waiting is over, whatever is outstanding.
   void abandon() ORRERY_EXCLUDES(_mutex);
@@ -24,6 +25,7 @@ class Outstanding {
   mutable orrery::Mutex _mutex{"Outstanding"};
   orrery::Condition _changed{_mutex};
   std::uint64_t _count ORRERY_GUARDED_BY(_mutex) = 0;
+  std::uint64_t _awaitedLevel ORRERY_GUARDED_BY(_mutex) = 0;
   bool _reading ORRERY_GUARDED_BY(_mutex) = true;
   bool _abandoned ORRERY_GUARDED_BY(_mutex) = false;
 };

@@ -1,5 +1,5 @@
-// The yardstick: the same GET, with the same headers, over and over on one kept connection of Poco's
-// HTTPClientSession, its body read and thrown away. No queue, no messages, no host.
+// The yardstick: the same GET, with the same headers, over and over on one kept connection of
+// Poco's HTTPClientSession, its body read and thrown away. No queue, no messages, no host.
 //
 //   bare_loop PORT PATH COUNT
 //

@@ -43,7 +43,7 @@ class HTTPClient::ClientSessionThread final : public orrery::Thread {
   class ContentEncoding;
 
   // Opens the session; its failure is the constructor's.
-  ClientSessionThread(HTTPClient& owner, unsigned index);
+  ClientSessionThread(HTTPClient& transport, unsigned workerNumber);
   ~ClientSessionThread() override;
 
   unsigned workerIndex() const noexcept { return index; }

@@ -17,9 +17,9 @@ struct HTTPClient::ClientSessionThread::request {
   // Moves everything in, then checks the payload: a map or a buffer, else std::runtime_error
   // "HTTPClient payloads must be binary buffers or dictionary having string key and either string
   // or binary value (did you mean to use the StringCodec to encode a string to a buffer?)".
-  request(data_t&& payload, data_t&& requestId, data_t&& method, data_t&& path, Texts&& headers,
-          Texts&& queryParameters, Texts&& cookies, data_t&& form, double startTime,
-          long long maxResponseKB, std::string maxResponsePolicy);
+  request(data_t&& body, data_t&& id, data_t&& httpMethod, data_t&& requestPath,
+          Texts&& headerTexts, Texts&& query, Texts&& cookieTexts, data_t&& formMetadata,
+          double start, long long limitKB, std::string policy);
 
   // The method on the wire: the request's own, or what a redirect made of it.
   const std::string& methodText() const noexcept { return wireMethod; }

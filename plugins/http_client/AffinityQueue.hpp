@@ -255,14 +255,16 @@ bool AffinityQueue<Value, LoggerType>::enqueue(LockPushBatch& batch, Given&& val
   if (batch.isAbandoned() || (!noWait && !waitForSpace(batch))) return false;
   Element* element =
       Element::create(affinity ? 1 : numConsumers, std::forward<Given>(value)).release();
+  // The lanes own it now, which the analyzer does not see.
+  // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
   if (affinity) {
     append(*element, 0, lanes[*affinity % numConsumers], batch);
   } else {
     for (std::uint32_t i = 0; i < numConsumers; ++i) append(*element, i, lanes[i], batch);
   }
   ++count;
-  // The lanes own it now.
-  return true;  // NOLINT(clang-analyzer-cplusplus.NewDeleteLeaks)
+  return true;
+  // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 }
 
 // As above. Everything that can wait or fail comes before the first link.

@@ -1,7 +1,7 @@
 // Decimal numbers as text: IEEE 754-2008 decimal64 in its binary integer encoding.
 //
 // A decimal keeps its quantum: 1.5 and 1.50 are different decimals of one value. The text is the
-// scientific string of the General Decimal Arithmetic Specification (to-scientific-string), so that
+// scientific string of the General Decimal Arithmetic (to-scientific-string), so that
 // decimalFromText(decimalToText(x)) gives x for every finite number in canonical encoding.
 // Free of dependencies; any thread.
 #pragma once

@@ -1,3 +1,3 @@
-#include "host/CommandLine.hpp"
+#include "host/commands/CommandLine.hpp"
 
 int main(int argc, char** argv) { return host::runCommandLine(argc, argv); }

@@ -13,15 +13,15 @@
 #include <vector>
 
 #include "connectivity/value_access.hpp"
-#include "host/ChainFile.hpp"
-#include "host/HostLog.hpp"
-#include "host/MessageReader.hpp"
-#include "host/PluginLibrary.hpp"
-#include "host/Progress.hpp"
-#include "host/StatusTable.hpp"
-#include "host/Transport.hpp"
+#include "host/chain/ChainFile.hpp"
+#include "host/chain/PluginLibrary.hpp"
+#include "host/chain/Transport.hpp"
+#include "host/commands/Progress.hpp"
 #include "host/demo/DemoRequests.hpp"
 #include "host/demo/DemoServer.hpp"
+#include "host/log/HostLog.hpp"
+#include "host/messages/MessageReader.hpp"
+#include "host/status/StatusTable.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace host {

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "connectivity/qor_plugin.h"
-#include "host/Utf8.hpp"
 #include "host/runtime/Blocks.hpp"
 #include "host/runtime/Decimal.hpp"
+#include "host/runtime/Utf8.hpp"
 
 namespace host::runtime {
 

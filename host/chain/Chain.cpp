@@ -1,0 +1,246 @@
+#include "host/chain/Chain.hpp"
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <memory>
+#include <thread>
+#include <utility>
+
+#include "connectivity/value_access.hpp"
+#include "host/chain/FlushMessage.hpp"
+
+namespace host {
+
+using connectivity::data_t;
+using connectivity::map_t;
+using connectivity::Message;
+
+namespace {
+
+// What is sent at once. Large enough to make the hand-over cheap, small enough for answers to come
+// while the next batch is read.
+constexpr std::size_t maxBatch = 128;
+// A batch that had to wait this long, with so many requests outstanding, has met a full queue (the
+// transport's holds 2048 messages).
+constexpr std::chrono::microseconds fullQueueWait{500};
+constexpr std::uint64_t queueCapacity = 2048;
+constexpr std::size_t keptLineCapacity = std::size_t{1024} * 1024;
+
+// Whether the status is one that counts as success; a response without status is a failure.
+bool isSuccess(const Message& response) {
+  const data_t* http = response.metadata.findText("http");
+  if (http == nullptr || http->tag() != QOR_MAP) return false;
+  const data_t* status = connectivity::get<map_t>(*http).findText("statusCode");
+  if (status == nullptr || status->tag() != QOR_INT64) return false;
+  const long long code = connectivity::get<long long>(*status);
+  return code >= 200 && code <= 399;
+}
+
+}  // namespace
+
+Chain::Chain(const ChainDefinition& definition, StatusTable& status, HostLog& log)
+    : _definition(definition),
+      _log(log),
+      _library(definition.transport.text,
+               definition.library ? std::optional(definition.library->text) : std::nullopt),
+      _reader(definition.codec, definition.assignRequestIds),
+      _writer(definition.codec, _lines) {
+  _transport.emplace(_library, definition, status, static_cast<ResponseReceiver&>(*this));
+}
+
+Chain::~Chain() {
+  _ending.store(true);
+  _transport.reset();
+  _output.reset();
+}
+
+void Chain::start() {
+  _input.emplace(_definition.input.text);
+  _output.emplace(
+      _definition.output.text, [this](const std::string& reason) { onOutputFailure(reason); },
+      [this] { _log.showProgress({}); });
+  _transport->start();
+}
+
+void Chain::run() {
+  std::thread reader([this] { readInput(); });
+  _outstanding.waitUntilNone();
+  if (!_transport->shutdown()) fail("the transport could not be shut down (see the log)");
+  // A reader that is still there waits for the transport's queue, which has ended, or for input.
+  _input->stop();
+  reader.join();
+  _output->close();
+}
+
+void Chain::stopReading() noexcept { _input->stop(); }
+
+void Chain::drop() noexcept {
+  _transport->hostShutsDown();
+  _input->stop();
+  _output->abandon();
+  _outstanding.abandon();
+}
+
+ChainCounts Chain::counts() const {
+  ChainCounts counts;
+  counts.sent = _sent.load();
+  counts.answered = _answered.load();
+  counts.failed = _failed.load();
+  counts.invalid = _invalid.load();
+  if (_input) {
+    counts.bytesRead = _input->bytesRead();
+    counts.bytesInAll = _input->size();
+  }
+  return counts;
+}
+
+// --- Towards the transport -----------------------------------------------------------------------
+
+void Chain::readInput() noexcept {
+  try {
+    readLines();
+  } catch (const std::exception& error) {
+    fail(error.what());
+  }
+  _outstanding.endOfInput();
+}
+
+void Chain::readLines() {
+  while (_input->wait()) {
+    while (auto line = _input->next()) {
+      handle(*line);
+      if (_batch.size() < maxBatch) continue;
+      sendBatch();
+      if (_input->stopped()) return;
+    }
+    sendBatch();
+  }
+}
+
+void Chain::handle(const InputLines::Line& line) {
+  if (line.tooLong) return reportInvalid(line.number, "the line is too long");
+  if (MessageReader::isBlank(line.text)) return;
+  try {
+    auto read = _reader.read(line.text, line.number);
+    auto* flush = std::get_if<FlushRequest>(&read);
+    _batch.push_back(flush != nullptr ? flushMessage(std::move(*flush))
+                                      : std::move(std::get<Message>(read)));
+    _origins.push_back({line.number, flush != nullptr});
+  } catch (const InvalidLine& error) {
+    reportInvalid(line.number, error.what());
+  }
+}
+
+Message Chain::flushMessage(FlushRequest&& flush) {
+  if (!_transport->wantsFlushMessages()) {
+    throw InvalidLine("the transport takes no flush messages");
+  }
+  const auto id = std::make_shared<data_t>(std::move(flush.id));
+  return makeFlushMessage([this, id] { onFlushReleased(*id); });
+}
+
+void Chain::sendBatch() {
+  if (_batch.empty()) return;
+  // Behind a full queue, room for the whole batch is waited for here: in the queue, each message
+  // would wait for a place of its own, and every answer would cost a change of threads.
+  if (_fullLevel > 0) _outstanding.waitUntilAtMost(_fullLevel - _batch.size());
+  const auto begin = std::chrono::steady_clock::now();
+  handOver();
+  if (std::chrono::steady_clock::now() - begin < fullQueueWait) return;
+  const std::uint64_t outstanding = _outstanding.count();
+  if (outstanding >= queueCapacity) _fullLevel = std::max(_fullLevel, outstanding);
+}
+
+void Chain::handOver() {
+  const auto requests = static_cast<std::uint64_t>(std::count_if(
+      _origins.begin(), _origins.end(), [](const Origin& origin) { return !origin.isFlush; }));
+  _sent.fetch_add(requests);
+  _outstanding.add(_batch.size());
+  for (std::size_t first = 0; first < _batch.size();) {
+    _transport->send(_batch.data() + first, _batch.data() + _batch.size());
+    first = firstNotTaken(first);
+    if (first == _batch.size()) break;
+    takeBack(first);
+    if (!_transport->isHostShuttingDown()) {
+      reportInvalid(_origins[first].line, "the transport refused the message (see the log)");
+    }
+    ++first;
+  }
+  _batch.clear();
+  _origins.clear();
+}
+
+bool Chain::wasTaken(std::size_t index) const {
+  if (_origins[index].isFlush) return !holdsFlushObject(_batch[index]);
+  return _batch[index].metadata.table() == nullptr;
+}
+
+std::size_t Chain::firstNotTaken(std::size_t from) const {
+  while (from < _batch.size() && wasTaken(from)) ++from;
+  return from;
+}
+
+// Undoes the counting of a message that the transport left.
+void Chain::takeBack(std::size_t index) {
+  if (_origins[index].isFlush) {
+    withdrawFlushMessage(_batch[index]);
+  } else {
+    _sent.fetch_sub(1);
+  }
+  _outstanding.remove(1);
+}
+
+void Chain::reportInvalid(std::uint64_t line, const std::string& text) {
+  _invalid.fetch_add(1);
+  write([&](MessageWriter& writer) { writer.writeError(line, text); }, false);
+}
+
+// --- From the transport --------------------------------------------------------------------------
+
+void Chain::receive(const Message& response) {
+  _answered.fetch_add(1);
+  if (!isSuccess(response)) _failed.fetch_add(1);
+  try {
+    write([&](MessageWriter& writer) { writer.writeResponse(response); },
+          _outstanding.count() == 1);
+  } catch (const std::exception& error) {
+    fail(error.what());
+  }
+  // Only now, when it is written: nobody ends the output before.
+  _outstanding.remove(1);
+}
+
+void Chain::onFlushReleased(const data_t& id) noexcept {
+  try {
+    // While the host or the transport ends, a flush object may go although its barrier still
+    // stands.
+    const bool complete = !_ending.load() && !_transport->isHostShuttingDown();
+    if (complete) write([&](MessageWriter& writer) { writer.writeFlushed(id); }, true);
+  } catch (const std::exception& error) {
+    fail(error.what());
+  }
+  _outstanding.remove(1);
+}
+
+template <typename Write>
+void Chain::write(Write&& write, bool flushNow) {
+  const orrery::AutoMutex lock(_writerMutex);
+  _lines.clear();
+  std::forward<Write>(write)(_writer);
+  _output->append(_lines, flushNow);
+  if (_lines.capacity() > keptLineCapacity) _lines.shrink_to_fit();
+}
+
+void Chain::onOutputFailure(const std::string& reason) {
+  fail(reason);
+  if (!_ending.load()) drop();
+}
+
+void Chain::fail(const std::string& reason) {
+  const orrery::AutoMutex lock(_failureMutex);
+  if (_failure.empty()) _failure = reason;
+  _log.error("chain " + _definition.id + ": " + reason);
+}
+
+}  // namespace host

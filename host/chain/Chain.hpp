@@ -1,0 +1,123 @@
+// One chain of a run: lines from its input to the transport, answers to its output.
+//
+// Threads: the controlling thread constructs, starts and destroys the chain. run() belongs to one
+// thread and starts another, which reads the input. The transport delivers responses on threads of
+// its own. stopReading() and drop() may be called from anywhere at any time.
+//
+// Where something waits: the reader for input, or for room in the transport's queue; a delivery for
+// the reader of the output; run() for the last answer. drop() ends all of these.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "connectivity/data_t.hpp"
+#include "host/chain/ChainFile.hpp"
+#include "host/chain/InputLines.hpp"
+#include "host/chain/OutputLines.hpp"
+#include "host/chain/Outstanding.hpp"
+#include "host/chain/PluginLibrary.hpp"
+#include "host/chain/Transport.hpp"
+#include "host/log/HostLog.hpp"
+#include "host/messages/MessageReader.hpp"
+#include "host/messages/MessageWriter.hpp"
+#include "host/status/StatusTable.hpp"
+#include "orrery/Mutex.hpp"
+
+namespace host {
+
+// How far a chain has come.
+struct ChainCounts {
+  std::uint64_t sent = 0;      // requests that the transport took
+  std::uint64_t answered = 0;  // responses written
+  std::uint64_t failed = 0;    // of these, with a status outside 200 to 399
+  std::uint64_t invalid = 0;   // input lines that were no valid message
+  std::uint64_t bytesRead = 0;
+  std::optional<std::uint64_t> bytesInAll;  // where the input's size is known
+
+  std::uint64_t dropped() const noexcept { return sent > answered ? sent - answered : 0; }
+};
+
+class Chain final : private ResponseReceiver {
+ public:
+  // Loads the library and creates the transport. `definition`, `status` and `log` are borrowed and
+  // outlive the chain. std::runtime_error where something is missing or refused.
+  Chain(const ChainDefinition& definition, StatusTable& status, HostLog& log);
+  ~Chain() override;
+  Chain(const Chain&) = delete;
+  Chain& operator=(const Chain&) = delete;
+
+  // Opens input and output and starts the transport. std::runtime_error as above.
+  void start();
+  // Feeds the input to its end, waits for what is outstanding, and shuts the transport down.
+  // REQUIRES: started; once.
+  void run();
+  // Reads no further; run() still waits for what is outstanding.
+  void stopReading() noexcept;
+  // Waits for nothing any more; what the transport has queued is dropped.
+  void drop() noexcept;
+
+  const std::string& id() const noexcept { return _definition.id; }
+  ChainCounts counts() const;
+  // Why the chain ended early: an input or output error, or a failure of the transport. Empty where
+  // it did not. REQUIRES: run() has returned.
+  const std::string& failure() const noexcept { return _failure; }
+
+ private:
+  // Where a message of the batch comes from.
+  struct Origin {
+    std::uint64_t line;
+    bool isFlush;
+  };
+
+  void receive(const connectivity::Message& response) override;
+  void readInput() noexcept;
+  void readLines();
+  void handle(const InputLines::Line& line);
+  connectivity::Message flushMessage(FlushRequest&& flush);
+  void sendBatch();
+  void handOver();
+  bool wasTaken(std::size_t index) const;
+  std::size_t firstNotTaken(std::size_t from) const;
+  void takeBack(std::size_t index);
+  void reportInvalid(std::uint64_t line, const std::string& text);
+  void onFlushReleased(const connectivity::data_t& id) noexcept;
+  void onOutputFailure(const std::string& reason);
+  void fail(const std::string& reason) ORRERY_EXCLUDES(_failureMutex);
+  template <typename Write>
+  void write(Write&& write, bool flushNow) ORRERY_EXCLUDES(_writerMutex);
+
+  const ChainDefinition& _definition;
+  HostLog& _log;
+  const PluginLibrary _library;
+  std::atomic<bool> _ending{false};  // the transport is being destroyed
+  std::optional<InputLines> _input;
+  std::optional<OutputLines> _output;
+  Outstanding _outstanding;
+
+  // Below: used by the reading thread.
+  MessageReader _reader;
+  std::vector<connectivity::Message> _batch;
+  std::uint64_t _fullLevel = 0;  // how many were outstanding at a full queue; 0: none was met
+  std::vector<Origin> _origins;  // of the messages in _batch
+
+  orrery::Mutex _writerMutex{"ChainWriter"};
+  std::string _lines ORRERY_GUARDED_BY(_writerMutex);
+  MessageWriter _writer ORRERY_GUARDED_BY(_writerMutex);
+
+  mutable orrery::Mutex _failureMutex{"ChainFailure"};
+  std::string _failure;  // written under the mutex; read when all threads have ended
+
+  std::atomic<std::uint64_t> _sent{0};
+  std::atomic<std::uint64_t> _answered{0};
+  std::atomic<std::uint64_t> _failed{0};
+  std::atomic<std::uint64_t> _invalid{0};
+
+  std::optional<Transport> _transport;  // last: its threads use all of the above
+};
+
+}  // namespace host

@@ -1,0 +1,338 @@
+#include "host/chain/ChainFile.hpp"
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <initializer_list>
+#include <set>
+#include <sstream>
+#include <string_view>
+#include <unistd.h>
+#include <utility>
+
+#include <yaml-cpp/yaml.h>
+
+#include "connectivity/value_access.hpp"
+#include "host/chain/ChainFileError.hpp"
+#include "host/chain/YamlValues.hpp"
+
+namespace host {
+
+namespace {
+
+// One map of the file, read key by key.
+class Section {
+ public:
+  Section(const YAML::Node& node, YamlPlace place) : _node(node), _place(std::move(place)) {
+    if (!_node.IsMap()) fail(_node, _place.key, "must be a map");
+    refuseRepeatedKeys(_node, _place);
+  }
+
+  // Throws unless every key is one of these.
+  void allow(std::initializer_list<std::string_view> keys) const {
+    for (const auto& entry : _node) {
+      const std::string& key = entry.first.Scalar();
+      if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
+        fail(entry.first, path(key), "unknown key");
+      }
+    }
+  }
+
+  const YAML::Node& node() const { return _node; }
+  YAML::Node find(const std::string& key) const { return _node[key]; }
+  std::string path(const std::string& key) const {
+    return _place.key.empty() ? key : _place.key + "." + key;
+  }
+  YamlPlace placeOf(const std::string& key) const { return {_place.file, path(key)}; }
+
+  std::optional<PlacedText> optionalText(const std::string& key) const {
+    const YAML::Node value = find(key);
+    if (!value) return std::nullopt;
+    if (!isYamlText(value)) fail(value, path(key), "must be a text");
+    if (value.Scalar().empty()) fail(value, path(key), "must not be empty");
+    if (value.Scalar().find('\0') != std::string::npos) {
+      fail(value, path(key), "must not hold U+0000");
+    }
+    return PlacedText{value.Scalar(), yamlLine(value), path(key)};
+  }
+
+  PlacedText text(const std::string& key) const {
+    auto value = optionalText(key);
+    if (!value) fail(_node, path(key), "must be given");
+    return std::move(*value);
+  }
+
+  bool boolean(const std::string& key, bool absent) const {
+    const YAML::Node node = find(key);
+    if (!node) return absent;
+    const auto value = yamlValue(node, placeOf(key));
+    if (value.tag() != QOR_BOOL) fail(node, path(key), "must be true or false");
+    return connectivity::get<bool>(value);
+  }
+
+  int level(const std::string& key, int absent) const {
+    const auto name = optionalText(key);
+    if (!name) return absent;
+    const auto level = logLevelNamed(name->text);
+    if (!level) fail(find(key), path(key), "must be error, warn, info, debug or trace");
+    return *level;
+  }
+
+  int port(const std::string& key) const {
+    const YAML::Node node = find(key);
+    if (!node) fail(_node, path(key), "must be given");
+    const auto value = yamlValue(node, placeOf(key));
+    constexpr auto range = "must be an integer between 0 and 65535";
+    if (value.tag() != QOR_INT64) fail(node, path(key), range);
+    const long long port = connectivity::get<long long>(value);
+    if (port < 0 || port > 65535) fail(node, path(key), range);
+    return static_cast<int>(port);
+  }
+
+  [[noreturn]] void fail(const YAML::Node& at, const std::string& key,
+                         const std::string& text) const {
+    throw ChainFileError(_place.file, yamlLine(at), key, text);
+  }
+
+ private:
+  const YAML::Node _node;
+  const YamlPlace _place;
+};
+
+bool isIdentifier(std::string_view text) {
+  const auto isWordCharacter = [](unsigned char c) { return std::isalnum(c) != 0 || c == '_'; };
+  return !text.empty() && std::isdigit(static_cast<unsigned char>(text.front())) == 0 &&
+         std::all_of(text.begin(), text.end(), isWordCharacter);
+}
+
+PlacedText readTransport(const Section& chain) {
+  PlacedText transport = chain.text("transport");
+  if (!isIdentifier(transport.text)) {
+    chain.fail(chain.find("transport"), transport.key,
+               "must be the name of a transport: letters, digits and _");
+  }
+  return transport;
+}
+
+Codec readCodec(const Section& chain) {
+  const auto name = chain.optionalText("codec");
+  if (!name) return Codec::Text;
+  const auto codec = codecNamed(name->text);
+  if (!codec) chain.fail(chain.find("codec"), name->key, "must be text, json or none");
+  return *codec;
+}
+
+connectivity::map_t readConfig(const Section& chain) {
+  const YAML::Node node = chain.find("config");
+  if (!node || node.IsNull()) return {};
+  if (!node.IsMap()) chain.fail(node, chain.path("config"), "must be a map");
+  auto value = yamlValue(node, chain.placeOf("config"));
+  return std::move(connectivity::get<connectivity::map_t>(value));
+}
+
+ChainDefinition readChain(const Section& chain) {
+  chain.allow({"id", "name", "transport", "library", "codec", "assignRequestIds", "config", "input",
+               "output"});
+  ChainDefinition definition;
+  definition.id = chain.text("id").text;
+  definition.name = chain.text("name").text;
+  definition.transport = readTransport(chain);
+  definition.library = chain.optionalText("library");
+  definition.codec = readCodec(chain);
+  definition.assignRequestIds = chain.boolean("assignRequestIds", true);
+  definition.config = readConfig(chain);
+  if (auto input = chain.optionalText("input")) definition.input = std::move(*input);
+  if (auto output = chain.optionalText("output")) definition.output = std::move(*output);
+  return definition;
+}
+
+std::vector<ChainDefinition> readChains(const Section& file) {
+  const YAML::Node list = file.find("chains");
+  if (!list) file.fail(file.node(), "chains", "must be given");
+  if (!list.IsSequence()) file.fail(list, "chains", "must be a list");
+  if (list.size() == 0) file.fail(list, "chains", "must hold a chain");
+  std::vector<ChainDefinition> chains;
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    const YamlPlace place = file.placeOf("chains[" + std::to_string(i) + "]");
+    chains.push_back(readChain(Section(list[i], place)));
+  }
+  return chains;
+}
+
+LogDefinition readLog(const Section& file) {
+  LogDefinition definition;
+  const YAML::Node node = file.find("log");
+  if (!node) return definition;
+  const Section log(node, file.placeOf("log"));
+  log.allow({"level", "levels"});
+  definition.level = log.level("level", definition.level);
+  if (!log.find("levels")) return definition;
+  const Section levels(log.find("levels"), log.placeOf("levels"));
+  for (const auto& entry : levels.node()) {
+    const std::string& category = entry.first.Scalar();
+    definition.levels[category] = levels.level(category, definition.level);
+  }
+  return definition;
+}
+
+std::optional<StatusDefinition> readStatus(const Section& file) {
+  const YAML::Node node = file.find("status");
+  if (!node) return std::nullopt;
+  const Section status(node, file.placeOf("status"));
+  status.allow({"port", "address"});
+  StatusDefinition definition;
+  definition.port = status.port("port");
+  if (auto address = status.optionalText("address")) definition.address = address->text;
+  return definition;
+}
+
+YAML::Node loadYaml(const std::string& text, const std::string& path) {
+  try {
+    std::vector<YAML::Node> documents = YAML::LoadAll(text);
+    if (documents.empty()) throw ChainFileError(path, 1, "chains", "must be given");
+    if (documents.size() > 1) {
+      throw ChainFileError(path, yamlLine(documents[1]), "", "a second document");
+    }
+    return documents.front();
+  } catch (const YAML::Exception& error) {
+    throw ChainFileError(path, error.mark.line + 1, "", "not valid YAML: " + error.msg);
+  }
+}
+
+// --- What the files have to be -------------------------------------------------------------------
+
+bool isStandard(const PlacedText& stream) { return stream.text == "-"; }
+
+bool isSameFile(const std::string& left, const std::string& right) {
+  std::error_code error;
+  if (std::filesystem::equivalent(left, right, error)) return true;
+  return std::filesystem::weakly_canonical(left, error) ==
+         std::filesystem::weakly_canonical(right, error);
+}
+
+// Whether writing to the file replaces what it holds: devices and pipes may be shared.
+bool isReplacedByWriting(const std::string& path) {
+  std::error_code error;
+  const auto type = std::filesystem::status(path, error).type();
+  return type == std::filesystem::file_type::regular ||
+         type == std::filesystem::file_type::not_found;
+}
+
+class FileCheck {
+ public:
+  explicit FileCheck(const ChainFile& file) : _file(file) {}
+
+  void run() const {
+    for (std::size_t i = 0; i < _file.chains.size(); ++i) {
+      const ChainDefinition& chain = _file.chains[i];
+      if (chain.library) requireReadable(*chain.library);
+      if (!isStandard(chain.input)) requireReadable(chain.input);
+      requireDirectoryOf(chain.output);
+      for (std::size_t j = 0; j < _file.chains.size(); ++j) {
+        if (j < i) compare(_file.chains[j], chain);
+        requireUnreadOutput(chain.output, _file.chains[j].input);
+      }
+    }
+  }
+
+ private:
+  [[noreturn]] void fail(const PlacedText& at, const std::string& text) const {
+    if (at.line == 0) throw std::runtime_error(at.key + ": " + text);
+    throw ChainFileError(_file.path, at.line, at.key, text);
+  }
+
+  void requireReadable(const PlacedText& path) const {
+    if (::access(path.text.c_str(), R_OK) != 0) {
+      fail(path, "cannot read " + path.text + ": " + std::strerror(errno));
+    }
+    if (std::filesystem::is_directory(path.text)) fail(path, path.text + " is a directory");
+  }
+
+  void requireDirectoryOf(const PlacedText& output) const {
+    if (isStandard(output)) return;
+    if (std::filesystem::is_directory(output.text)) fail(output, output.text + " is a directory");
+    const auto directory = std::filesystem::absolute(output.text).parent_path();
+    if (!std::filesystem::is_directory(directory)) {
+      fail(output, "there is no directory " + directory.string());
+    }
+  }
+
+  void compare(const ChainDefinition& earlier, const ChainDefinition& later) const {
+    if (earlier.id == later.id && earlier.name == later.name) {
+      throw ChainFileError(_file.path, later.transport.line, parentOf(later.transport.key),
+                           "another chain has the same id and name");
+    }
+    if (isStandard(earlier.input) && isStandard(later.input)) {
+      fail(blame(later.input, later, "input"), "two chains cannot share standard input");
+    }
+    if (isStandard(earlier.output) && isStandard(later.output)) {
+      fail(blame(later.output, later, "output"), "two chains cannot share standard output");
+    }
+    if (!isStandard(earlier.output) && !isStandard(later.output) &&
+        isReplacedByWriting(later.output.text) &&
+        isSameFile(earlier.output.text, later.output.text)) {
+      fail(later.output, "two chains cannot share the output " + later.output.text);
+    }
+  }
+
+  void requireUnreadOutput(const PlacedText& output, const PlacedText& input) const {
+    if (isStandard(output) || isStandard(input)) return;
+    if (isReplacedByWriting(output.text) && isSameFile(output.text, input.text)) {
+      fail(output, output.text + " is also an input");
+    }
+  }
+
+  static std::string parentOf(const std::string& key) { return key.substr(0, key.rfind('.')); }
+
+  // Where a stream was not given, the chain itself is named.
+  static PlacedText blame(const PlacedText& stream, const ChainDefinition& chain,
+                          const std::string& name) {
+    if (!stream.key.empty()) return stream;
+    return {stream.text, chain.transport.line, parentOf(chain.transport.key) + "." + name};
+  }
+
+  const ChainFile& _file;
+};
+
+}  // namespace
+
+std::optional<int> logLevelNamed(const std::string& name) {
+  static const std::map<std::string, int> levels{{"error", QOR_LOG_ERROR},
+                                                 {"warn", QOR_LOG_WARN},
+                                                 {"info", QOR_LOG_INFO},
+                                                 {"debug", QOR_LOG_DEBUG},
+                                                 {"trace", QOR_LOG_TRACE}};
+  const auto level = levels.find(name);
+  if (level == levels.end()) return std::nullopt;
+  return level->second;
+}
+
+ChainFile parseChainFile(const std::string& text, const std::string& path) {
+  const YAML::Node root = loadYaml(text, path);
+  const Section section(root, {path, ""});
+  section.allow({"chains", "log", "status"});
+  ChainFile file;
+  file.path = path;
+  file.chains = readChains(section);
+  file.log = readLog(section);
+  file.status = readStatus(section);
+  return file;
+}
+
+ChainFile readChainFile(const std::string& path) {
+  std::ifstream stream(path, std::ios::binary);
+  if (!stream || std::filesystem::is_directory(path)) {
+    const std::string reason = stream ? "it is a directory" : std::strerror(errno);
+    throw ChainFileError(path, 0, "", "cannot read the chain file: " + reason);
+  }
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return parseChainFile(text.str(), path);
+}
+
+void checkFiles(const ChainFile& file) { FileCheck(file).run(); }
+
+}  // namespace host

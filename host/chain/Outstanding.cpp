@@ -1,0 +1,48 @@
+#include "host/chain/Outstanding.hpp"
+
+#include <algorithm>
+
+namespace host {
+
+void Outstanding::add(std::uint64_t count) {
+  const orrery::AutoMutex lock(_mutex);
+  _count += count;
+}
+
+void Outstanding::remove(std::uint64_t count) {
+  const orrery::AutoMutex lock(_mutex);
+  const std::uint64_t before = _count;
+  // A plug-in that answers more than it was asked must not make the count wrap.
+  _count -= std::min(count, _count);
+  if (_count == 0 || (before > _awaitedLevel && _count <= _awaitedLevel)) _changed.broadcast();
+}
+
+std::uint64_t Outstanding::count() const {
+  const orrery::AutoMutex lock(_mutex);
+  return _count;
+}
+
+void Outstanding::waitUntilAtMost(std::uint64_t level) {
+  const orrery::AutoMutex lock(_mutex);
+  _awaitedLevel = level;
+  while (!_abandoned && _count > level) _changed.wait();
+}
+
+void Outstanding::endOfInput() {
+  const orrery::AutoMutex lock(_mutex);
+  _reading = false;
+  _changed.broadcast();
+}
+
+void Outstanding::abandon() {
+  const orrery::AutoMutex lock(_mutex);
+  _abandoned = true;
+  _changed.broadcast();
+}
+
+void Outstanding::waitUntilNone() {
+  const orrery::AutoMutex lock(_mutex);
+  while (!_abandoned && (_reading || _count > 0)) _changed.wait();
+}
+
+}  // namespace host

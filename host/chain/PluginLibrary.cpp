@@ -1,0 +1,102 @@
+#include "host/chain/PluginLibrary.hpp"
+
+#include <dlfcn.h>
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+namespace host {
+
+namespace {
+
+// A path with a slash: the loader searches its path for anything else.
+std::string asFile(const std::string& path) {
+  return path.find('/') == std::string::npos ? "./" + path : path;
+}
+
+// The file in ../lib beside the running program.
+std::string besideProgram(const std::string& name) {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  return (program.parent_path().parent_path() / "lib" / name).string();
+}
+
+std::vector<std::string> candidates(const std::string& transport,
+                                    const std::optional<std::string>& file) {
+  if (file) return {asFile(*file)};
+  const std::string name = "lib" + transport + ".so";
+  const std::string beside = besideProgram(name);
+  // One that stands there but does not load is an error, not a reason to take another.
+  if (std::filesystem::exists(beside)) return {beside};
+  return {beside, name};
+}
+
+std::string lastLoaderError() {
+  const char* error = ::dlerror();
+  return error == nullptr ? "unknown error" : error;
+}
+
+}  // namespace
+
+PluginLibrary::PluginLibrary(const std::string& transport, const std::optional<std::string>& file) {
+  open(transport, file);
+  try {
+    resolve(transport);
+  } catch (...) {
+    ::dlclose(_handle);
+    throw;
+  }
+}
+
+PluginLibrary::~PluginLibrary() { ::dlclose(_handle); }
+
+void PluginLibrary::open(const std::string& transport, const std::optional<std::string>& file) {
+  std::string tried;
+  for (const std::string& candidate : candidates(transport, file)) {
+    _handle = ::dlopen(candidate.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (_handle != nullptr) {
+      _path = candidate;
+      return;
+    }
+    tried += (tried.empty() ? "" : "; ") + candidate + " (" + lastLoaderError() + ")";
+  }
+  throw std::runtime_error("cannot load the transport " + transport + ", tried " + tried);
+}
+
+template <typename Function>
+void PluginLibrary::find(const std::string& prefix, const std::string& transport,
+                         Function& function) const {
+  const std::string name = prefix + transport;
+  function = reinterpret_cast<Function>(::dlsym(_handle, name.c_str()));
+  if (function == nullptr) throw std::runtime_error(_path + " does not export " + name);
+}
+
+void PluginLibrary::resolve(const std::string& transport) {
+  qor_plugin_api_version_t apiVersion = nullptr;
+  qor_plugin_check_is_transport_t checkIsTransport = nullptr;
+  find("qor_plugin_api_version_", transport, apiVersion);
+  find("qor_plugin_product_version_", transport, _productVersion);
+  find("qor_create_plugin_with_params_", transport, _entryPoints.create);
+  find("qor_plugin_start_", transport, _entryPoints.start);
+  find("qor_plugin_hostReady_", transport, _entryPoints.hostReady);
+  find("qor_plugin_shutdown_", transport, _entryPoints.shutdown);
+  find("qor_plugin_setNextTowardsHost_", transport, _entryPoints.setNextTowardsHost);
+  find("qor_plugin_sendBatchTowardsTransport_", transport, _entryPoints.sendBatchTowardsTransport);
+  find("qor_destroy_plugin_", transport, _entryPoints.destroy);
+  find("_qor_plugin_checkIsTransport_", transport, checkIsTransport);
+  checkInterface(apiVersion, checkIsTransport);
+}
+
+void PluginLibrary::checkInterface(qor_plugin_api_version_t apiVersion,
+                                   qor_plugin_check_is_transport_t checkIsTransport) const {
+  const auto version = apiVersion();
+  if (version != QOR_PLUGIN_API_VERSION) {
+    throw std::runtime_error(_path + " has version " + std::to_string(version) +
+                             " of the plug-in interface; this host needs " +
+                             std::to_string(QOR_PLUGIN_API_VERSION));
+  }
+  constexpr uintptr_t word = 1;
+  if (checkIsTransport(word) != word) throw std::runtime_error(_path + " is not a transport");
+}
+
+}  // namespace host

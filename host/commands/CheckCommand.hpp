@@ -1,0 +1,14 @@
+// orrery-host check: whether the chains of a chain file could start.
+#pragma once
+
+#include <string>
+
+#include "host/commands/ExitStatus.hpp"
+
+namespace host {
+
+// Reads the file, creates each transport without starting it, and destroys it. Prints "OK" to
+// standard output, or what is wrong to standard error.
+ExitStatus check(const std::string& chainFile);
+
+}  // namespace host

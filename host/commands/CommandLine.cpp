@@ -1,0 +1,98 @@
+#include "host/commands/CommandLine.hpp"
+
+#include <cstdio>
+#include <iostream>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "host/chain/ChainFile.hpp"
+#include "host/commands/CheckCommand.hpp"
+#include "host/commands/ExitStatus.hpp"
+#include "host/commands/RunCommand.hpp"
+#include "host/demo/DemoCommand.hpp"
+
+namespace host {
+
+namespace {
+
+constexpr const char* exitStatuses =
+    "Exit status: 0 everything read was valid and answered (whatever the HTTP status), 1 a chain\n"
+    "could not start or its input, output or transport failed, 2 wrong usage, 3 some input lines\n"
+    "were not valid messages.";
+
+constexpr const char* runFooter =
+    "Each input line is a request: {\"metadata\": {\"http\": {\"method\": \"GET\", \"path\": "
+    "\"/\"}},\n"
+    "\"payload\": null}; or the control line {\"control\": \"flush\", \"id\": ANY}. Each answer is "
+    "one\n"
+    "output line. SIGINT or SIGTERM stops reading and waits for the answers still to come; a "
+    "second\n"
+    "one drops what is queued; a third ends the program at once.\n";
+
+// One subcommand at most has been given; what it does is left to `chosen`.
+struct Arguments {
+  RunOptions run;
+  std::string checkedFile;
+};
+
+const std::string levelNames = "error|warn|info|debug|trace";
+
+void addRun(CLI::App& app, Arguments& arguments) {
+  CLI::App* run = app.add_subcommand("run", "Send requests read from files or pipes");
+  run->add_option("CHAIN.yaml", arguments.run.chainFile, "The chain file")->required();
+  run->add_option("--input", arguments.run.input, "Read this file (-: standard input)")
+      ->type_name("FILE");
+  run->add_option("--output", arguments.run.output, "Write this file (-: standard output)")
+      ->type_name("FILE");
+  run->add_option_function<std::string>(
+         "--log-level",
+         [&arguments](const std::string& name) { arguments.run.logLevel = logLevelNamed(name); },
+         "Log this much: " + levelNames)
+      ->type_name("LEVEL")
+      ->check([](const std::string& name) {
+        return logLevelNamed(name) ? std::string() : "must be one of " + levelNames;
+      });
+  run->add_option("--status-port", arguments.run.statusPort,
+                  "Serve the status items on this port (0: one that the system picks)")
+      ->type_name("PORT")
+      ->check(CLI::Range(0, 65535));
+  run->footer(std::string(runFooter) + "\n" + exitStatuses);
+}
+
+void addCheck(CLI::App& app, Arguments& arguments) {
+  CLI::App* check = app.add_subcommand(
+      "check", "Read a chain file and create its transports, without starting them");
+  check->add_option("CHAIN.yaml", arguments.checkedFile, "The chain file")->required();
+  check->footer("Prints OK and exits with 0, or says what is wrong and exits with 1.");
+}
+
+ExitStatus perform(const CLI::App& app, const Arguments& arguments) {
+  if (app.got_subcommand("run")) return run(arguments.run);
+  if (app.got_subcommand("check")) return check(arguments.checkedFile);
+  return demo();
+}
+
+}  // namespace
+
+int runCommandLine(int argc, const char* const* argv) {
+  CLI::App app("Loads a transport, feeds it request messages, and writes its responses.",
+               "orrery-host");
+  Arguments arguments;
+  addRun(app, arguments);
+  addCheck(app, arguments);
+  app.add_subcommand("demo", "Show the transport at work against a server of the program's own");
+  app.set_version_flag("--version", std::string("orrery-host ") + ORRERY_VERSION);
+  app.set_help_all_flag("--help-all", "Print the help of every command and exit");
+  app.require_subcommand(1);
+  app.footer(exitStatuses);
+  try {
+    app.parse(argc, argv);
+    return static_cast<int>(perform(app, arguments));
+  } catch (const CLI::ParseError& error) {
+    const bool isHelp = app.exit(error, std::cout, std::cerr) == 0;
+    return static_cast<int>(isHelp ? ExitStatus::Success : ExitStatus::WrongUsage);
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,183 @@
+#include "host/commands/RunCommand.hpp"
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <optional>
+#include <poll.h>
+#include <stdexcept>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include "host/chain/Chain.hpp"
+#include "host/chain/ChainFile.hpp"
+#include "host/chain/Wakeup.hpp"
+#include "host/commands/Progress.hpp"
+#include "host/commands/Signals.hpp"
+#include "host/log/HostLog.hpp"
+#include "host/status/StatusServer.hpp"
+#include "host/status/StatusTable.hpp"
+
+namespace host {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int progressIntervalMilliseconds = 250;
+
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// The chain file with what the command line says in its place.
+ChainFile readOptions(const RunOptions& options) {
+  ChainFile file = readChainFile(options.chainFile);
+  if ((options.input || options.output) && file.chains.size() > 1) {
+    throw UsageError("--input and --output need a chain file with one chain");
+  }
+  if (options.input) file.chains.front().input = {*options.input, 0, "--input"};
+  if (options.output) file.chains.front().output = {*options.output, 0, "--output"};
+  if (options.statusPort) {
+    if (!file.status) file.status.emplace();
+    file.status->port = *options.statusPort;
+  }
+  if (options.logLevel) file.log.level = *options.logLevel;
+  return file;
+}
+
+// The chains at work, from their start to the end of the last.
+class Run {
+ public:
+  Run(const ChainFile& file, HostLog& log, Signals& signals) : _log(log), _signals(signals) {
+    for (const ChainDefinition& definition : file.chains) {
+      _chains.push_back(std::make_unique<Chain>(definition, _status, log));
+    }
+    if (file.status) serveStatus(file);
+  }
+
+  void start() {
+    for (const auto& chain : _chains) chain->start();
+  }
+
+  void untilTheEnd() {
+    _running = _chains.size();
+    std::vector<std::thread> threads;
+    threads.reserve(_chains.size());
+    for (const auto& chain : _chains) {
+      threads.emplace_back([this, &chain] {
+        chain->run();
+        if (_running.fetch_sub(1) == 1) _allEnded.set();
+      });
+    }
+    watch();
+    for (std::thread& thread : threads) thread.join();
+    _log.showProgress({});
+  }
+
+  // Destroys the transports and tells what has been done.
+  ExitStatus finish() {
+    const std::vector<ChainCounts> counts = allCounts();
+    bool failed = false;
+    for (const auto& chain : _chains) failed = failed || !chain->failure().empty();
+    const std::vector<std::string> lines = summaries();
+    _chains.clear();
+    const ChainCounts sum = sumOf(counts);
+    for (const std::string& line : lines) _log.info(line);
+    _log.write(HostLog::ownCategory, sum.dropped() > 0 ? QOR_LOG_WARN : QOR_LOG_INFO,
+               "Done: " + describe(sum));
+    if (failed) return ExitStatus::CouldNotRun;
+    return sum.invalid > 0 ? ExitStatus::InvalidLines : ExitStatus::Success;
+  }
+
+ private:
+  void serveStatus(const ChainFile& file) {
+    std::vector<std::string> prefixes;
+    for (const ChainDefinition& chain : file.chains)
+      prefixes.push_back(chain.name + "." + chain.id);
+    _statusServer.emplace(*file.status, _status, std::move(prefixes));
+    _log.info("The status server listens on http://" + file.status->address + ":" +
+              std::to_string(_statusServer->port()));
+  }
+
+  std::vector<ChainCounts> allCounts() const {
+    std::vector<ChainCounts> counts;
+    for (const auto& chain : _chains) counts.push_back(chain->counts());
+    return counts;
+  }
+
+  std::vector<std::string> summaries() const {
+    std::vector<std::string> lines;
+    if (_chains.size() == 1) return lines;
+    for (const auto& chain : _chains) {
+      lines.push_back("Chain " + chain->id() + ": " + describe(chain->counts()));
+    }
+    return lines;
+  }
+
+  void watch() {
+    const bool showsProgress = ::isatty(STDERR_FILENO) != 0;
+    const auto begin = Clock::now();
+    std::array<pollfd, 2> waiting{
+        {{_signals.descriptor(), POLLIN, 0}, {_allEnded.descriptor(), POLLIN, 0}}};
+    while (!_allEnded.isSet()) {
+      ::poll(waiting.data(), waiting.size(), showsProgress ? progressIntervalMilliseconds : -1);
+      if (_signals.take()) onSignal();
+      if (showsProgress) _log.showProgress(progressLine(allCounts(), Clock::now() - begin));
+    }
+  }
+
+  void onSignal() {
+    if (!_stopping) {
+      _stopping = true;
+      _log.info("Stopping: reading no further, waiting for the answers still to come");
+      for (const auto& chain : _chains) chain->stopReading();
+    } else {
+      for (const auto& chain : _chains) chain->drop();
+      _signals.letThrough();
+      // Behind its effect: who sees the line can rely on it.
+      _log.warn("Stopping at once: what is queued is dropped");
+    }
+  }
+
+  HostLog& _log;
+  Signals& _signals;
+  StatusTable _status;
+  std::vector<std::unique_ptr<Chain>> _chains;
+  std::optional<StatusServer> _statusServer;
+  Wakeup _allEnded;
+  std::atomic<std::size_t> _running{0};
+  bool _stopping = false;
+};
+
+void complain(const std::exception& error) {
+  std::fprintf(stderr, "orrery-host: %s\n", error.what());
+}
+
+}  // namespace
+
+ExitStatus run(const RunOptions& options) {
+  try {
+    const ChainFile file = readOptions(options);
+    checkFiles(file);
+    Signals signals;
+    HostLog log(file.log.level, file.log.levels);
+    Run chains(file, log, signals);
+    chains.start();
+    chains.untilTheEnd();
+    return chains.finish();
+  } catch (const UsageError& error) {
+    complain(error);
+    return ExitStatus::WrongUsage;
+  } catch (const std::exception& error) {
+    complain(error);
+    return ExitStatus::CouldNotRun;
+  }
+}
+
+}  // namespace host

@@ -1,0 +1,23 @@
+// orrery-host run: the chains of a chain file, at the same time, until their inputs end.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "host/commands/ExitStatus.hpp"
+
+namespace host {
+
+// What the command line gives; it wins over the chain file.
+struct RunOptions {
+  std::string chainFile;
+  std::optional<std::string> input;   // for a chain file with one chain
+  std::optional<std::string> output;  // for a chain file with one chain
+  std::optional<int> logLevel;
+  std::optional<int> statusPort;
+};
+
+// Returns when every chain has ended. Errors go to standard error.
+ExitStatus run(const RunOptions& options);
+
+}  // namespace host

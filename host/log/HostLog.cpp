@@ -1,0 +1,156 @@
+#include "host/log/HostLog.hpp"
+
+#include <chrono>
+#include <cstdio>
+#include <mutex>
+#include <unistd.h>
+#include <utility>
+
+#include <spdlog/details/log_msg.h>
+#include <spdlog/pattern_formatter.h>
+#include <spdlog/sinks/base_sink.h>
+
+namespace host {
+
+namespace {
+
+// The level names of the host, five characters wide.
+class LevelName : public spdlog::custom_flag_formatter {
+ public:
+  void format(const spdlog::details::log_msg& message, const std::tm&,
+              spdlog::memory_buf_t& out) override {
+    const std::string_view name = nameOf(message.level);
+    out.append(name.data(), name.data() + name.size());
+  }
+  std::unique_ptr<custom_flag_formatter> clone() const override {
+    return std::make_unique<LevelName>();
+  }
+
+ private:
+  static std::string_view nameOf(spdlog::level::level_enum level) {
+    switch (level) {
+      case spdlog::level::err:
+        return "ERROR";
+      case spdlog::level::warn:
+        return "WARN ";
+      case spdlog::level::info:
+        return "INFO ";
+      case spdlog::level::debug:
+        return "DEBUG";
+      default:
+        return "TRACE";
+    }
+  }
+};
+
+spdlog::level::level_enum levelFor(int level) {
+  if (level <= QOR_LOG_ERROR) return spdlog::level::err;
+  if (level == QOR_LOG_WARN) return spdlog::level::warn;
+  if (level == QOR_LOG_INFO) return spdlog::level::info;
+  return level == QOR_LOG_DEBUG ? spdlog::level::debug : spdlog::level::trace;
+}
+
+std::unique_ptr<spdlog::formatter> makeFormatter() {
+  auto formatter = std::make_unique<spdlog::pattern_formatter>(spdlog::pattern_time_type::utc);
+  formatter->add_flag<LevelName>('*').set_pattern("%Y-%m-%dT%H:%M:%S.%eZ %* [%n] %v");
+  return formatter;
+}
+
+std::string escaped(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (const char character : text) {
+    const auto byte = static_cast<unsigned char>(character);
+    if (byte >= 0x20 && byte != 0x7F) {
+      out += character;
+    } else if (character == '\n') {
+      out += "\\n";
+    } else if (character == '\t') {
+      out += '\t';
+    } else {
+      constexpr std::string_view hexDigits = "0123456789abcdef";
+      out += "\\x";
+      out += hexDigits[byte >> 4U];
+      out += hexDigits[byte & 15U];
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+// Standard error. What cannot be written there is lost: there is nowhere to say so.
+class HostLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
+ public:
+  Sink() : base_sink(makeFormatter()) {}
+
+  void showProgress(const std::string& text) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    if (text.empty() && _progress.empty()) return;
+    _progress = text;
+    put(clearLine + _progress);
+  }
+
+ protected:
+  void sink_it_(const spdlog::details::log_msg& message) override {
+    spdlog::memory_buf_t line;
+    formatter_->format(message, line);
+    std::string text(line.data(), line.size());
+    put(_progress.empty() ? text : clearLine + text + _progress);
+  }
+  void flush_() override {}
+
+ private:
+  inline static const std::string clearLine = "\r\x1b[K";
+
+  static void put(std::string_view text) {
+    while (!text.empty()) {
+      const ssize_t written = ::write(STDERR_FILENO, text.data(), text.size());
+      if (written < 0) return;
+      text.remove_prefix(static_cast<std::size_t>(written));
+    }
+  }
+
+  std::string _progress;  // guarded by the base's mutex
+};
+
+HostLog::HostLog(int level, std::map<std::string, int> levels)
+    : _level(level),
+      _levels(std::move(levels)),
+      _services{this, &HostLog::levelOf, &HostLog::write},
+      _sink(std::make_shared<Sink>()) {
+  qor_set_log_services(&_services);
+}
+
+HostLog::~HostLog() {
+  qor_set_log_services(nullptr);
+  showProgress({});
+}
+
+int HostLog::levelOf(std::string_view category) const {
+  while (!category.empty()) {
+    const auto found = _levels.find(std::string(category));
+    if (found != _levels.end()) return found->second;
+    const auto dot = category.rfind('.');
+    category = category.substr(0, dot == std::string_view::npos ? 0 : dot);
+  }
+  return _level;
+}
+
+void HostLog::write(const std::string& category, int level, std::string_view text) {
+  if (level > levelOf(category)) return;
+  const std::string line = escaped(text);
+  _sink->log(spdlog::details::log_msg(category, levelFor(level), line));
+}
+
+void HostLog::showProgress(const std::string& text) { _sink->showProgress(text); }
+
+int HostLog::levelOf(void* context, const char* category) {
+  return static_cast<const HostLog*>(context)->levelOf(std::string_view(category));
+}
+
+void HostLog::write(void* context, const char* category, int level, const char* text) {
+  static_cast<HostLog*>(context)->write(std::string(category), level, text);
+}
+
+}  // namespace host

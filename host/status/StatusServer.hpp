@@ -1,0 +1,50 @@
+// The status server: what the chains of a run publish, over HTTP.
+//
+//   /status.json  every status item as one object, key to text, the keys in ascending order
+//   /metrics      the items whose text is a number, in Prometheus' text exposition format 0.0.4:
+//                 orrery_queue_size{transport="shop.orders"} 3 for the item shop.orders.queueSize
+//   /healthz      200 "OK" while the item .status of every chain is ONLINE, else 503
+//
+// Any other path is 404, any method but GET and HEAD 405. No request changes anything.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/chain/ChainFile.hpp"
+#include "host/status/StatusTable.hpp"
+
+namespace Poco::Net {
+class HTTPServer;
+}
+
+namespace host {
+
+// Serves from construction to destruction, on threads of its own.
+class StatusServer {
+ public:
+  // `table` is borrowed and outlives the server; `prefixes` are the chains' key prefixes
+  // ("shop.orders"). std::runtime_error "cannot listen on <address>:<port>: <reason>".
+  StatusServer(const StatusDefinition& definition, const StatusTable& table,
+               std::vector<std::string> prefixes);
+  ~StatusServer();
+  StatusServer(const StatusServer&) = delete;
+  StatusServer& operator=(const StatusServer&) = delete;
+
+  // The port it listens on.
+  int port() const;
+
+ private:
+  std::unique_ptr<Poco::Net::HTTPServer> _server;
+};
+
+using StatusItems = std::map<std::string, std::string>;
+
+// What /status.json and /metrics hold, and whether /healthz is 200.
+std::string statusAsJson(const StatusItems& items);
+std::string statusAsMetrics(const StatusItems& items);
+bool areAllOnline(const StatusItems& items, const std::vector<std::string>& prefixes);
+
+}  // namespace host

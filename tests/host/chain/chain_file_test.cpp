@@ -1,0 +1,283 @@
+#include <cmath>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "connectivity/value_access.hpp"
+#include "host/chain/ChainFile.hpp"
+#include "host/chain/ChainFileError.hpp"
+#include "host/messages/JsonWriter.hpp"
+#include "tests/support/TemporaryDirectory.hpp"
+
+namespace host {
+namespace {
+
+using connectivity::data_t;
+using connectivity::get;
+
+// A file with one chain, whose first lines are these.
+const std::string chainHead =
+    "chains:\n"
+    "  - id: orders\n"
+    "    name: shop\n"
+    "    transport: HTTPClient\n";
+
+std::string errorOf(const std::string& text) {
+  try {
+    parseChainFile(text, "x.yaml");
+    return {};
+  } catch (const ChainFileError& error) {
+    return error.what();
+  }
+}
+
+std::string configOf(const std::string& yaml) {
+  ChainFile file = parseChainFile(chainHead + "    config: " + yaml + "\n", "x.yaml");
+  return toJson(data_t(std::move(file.chains.front().config)));
+}
+
+TEST(ChainFile, ReadsAChainWithItsDefaults) {
+  const ChainFile file = parseChainFile(chainHead, "x.yaml");
+  ASSERT_EQ(file.chains.size(), 1U);
+  const ChainDefinition& chain = file.chains.front();
+  EXPECT_EQ(chain.id, "orders");
+  EXPECT_EQ(chain.name, "shop");
+  EXPECT_EQ(chain.transport.text, "HTTPClient");
+  EXPECT_FALSE(chain.library);
+  EXPECT_EQ(chain.codec, Codec::Text);
+  EXPECT_TRUE(chain.assignRequestIds);
+  EXPECT_TRUE(chain.config.empty());
+  EXPECT_EQ(chain.input.text, "-");
+  EXPECT_EQ(chain.output.text, "-");
+  EXPECT_EQ(file.log.level, QOR_LOG_INFO);
+  EXPECT_TRUE(file.log.levels.empty());
+  EXPECT_FALSE(file.status);
+}
+
+TEST(ChainFile, ReadsEveryKey) {
+  const ChainFile file = parseChainFile(chainHead +
+                                            "    library: /lib/x.so\n"
+                                            "    codec: json\n"
+                                            "    assignRequestIds: false\n"
+                                            "    config: {host: localhost, port: 8080}\n"
+                                            "    input: in.jsonl\n"
+                                            "    output: out.jsonl\n"
+                                            "log: {level: warn, levels: {a.b: trace}}\n"
+                                            "status: {port: 9090, address: 0.0.0.0}\n",
+                                        "x.yaml");
+  const ChainDefinition& chain = file.chains.front();
+  EXPECT_EQ(chain.library->text, "/lib/x.so");
+  EXPECT_EQ(chain.codec, Codec::Json);
+  EXPECT_FALSE(chain.assignRequestIds);
+  EXPECT_EQ(chain.config.size(), 2U);
+  EXPECT_EQ(chain.input.text, "in.jsonl");
+  EXPECT_EQ(chain.output.text, "out.jsonl");
+  EXPECT_EQ(file.log.level, QOR_LOG_WARN);
+  EXPECT_EQ(file.log.levels.at("a.b"), QOR_LOG_TRACE);
+  EXPECT_EQ(file.status->port, 9090);
+  EXPECT_EQ(file.status->address, "0.0.0.0");
+}
+
+TEST(ChainFile, StatusListensOnTheLoopbackAddressUnlessToldOtherwise) {
+  EXPECT_EQ(parseChainFile(chainHead + "status: {port: 1}\n", "x").status->address, "127.0.0.1");
+}
+
+TEST(ChainFile, NamesFileLineAndKeyOfAnUnknownKey) {
+  EXPECT_EQ(errorOf(chainHead + "    codek: text\n"), "x.yaml:5: chains[0].codek: unknown key");
+  EXPECT_EQ(errorOf(chainHead + "logs: {}\n"), "x.yaml:5: logs: unknown key");
+  EXPECT_EQ(errorOf(chainHead + "log:\n  levle: info\n"), "x.yaml:6: log.levle: unknown key");
+  EXPECT_EQ(errorOf(chainHead + "status: {port: 1, adress: x}\n"),
+            "x.yaml:5: status.adress: unknown key");
+}
+
+TEST(ChainFile, NamesFileLineAndKeyOfAWrongType) {
+  EXPECT_EQ(errorOf("chains: 5\n"), "x.yaml:1: chains: must be a list");
+  EXPECT_EQ(errorOf("chains: []\n"), "x.yaml:1: chains: must hold a chain");
+  EXPECT_EQ(errorOf("chains:\n  - 7\n"), "x.yaml:2: chains[0]: must be a map");
+  EXPECT_EQ(errorOf("chains:\n  - id: [1]\n"), "x.yaml:2: chains[0].id: must be a text");
+  EXPECT_EQ(errorOf("chains:\n  - id: 12\n"), "x.yaml:2: chains[0].id: must be a text");
+  EXPECT_EQ(errorOf("chains:\n  - id: \"\"\n"), "x.yaml:2: chains[0].id: must not be empty");
+  EXPECT_EQ(errorOf(chainHead + "    codec: xml\n"),
+            "x.yaml:5: chains[0].codec: must be text, json or none");
+  EXPECT_EQ(errorOf(chainHead + "    assignRequestIds: maybe\n"),
+            "x.yaml:5: chains[0].assignRequestIds: must be true or false");
+  EXPECT_EQ(errorOf(chainHead + "    config: [1]\n"), "x.yaml:5: chains[0].config: must be a map");
+  EXPECT_EQ(errorOf(chainHead + "    input: {}\n"), "x.yaml:5: chains[0].input: must be a text");
+  EXPECT_EQ(errorOf(chainHead + "log: info\n"), "x.yaml:5: log: must be a map");
+  EXPECT_EQ(errorOf(chainHead + "log: {level: loud}\n"),
+            "x.yaml:5: log.level: must be error, warn, info, debug or trace");
+  EXPECT_EQ(errorOf(chainHead + "log: {levels: {a: 5}}\n"),
+            "x.yaml:5: log.levels.a: must be a text");
+  EXPECT_EQ(errorOf(chainHead + "status: {port: 65536}\n"),
+            "x.yaml:5: status.port: must be an integer between 0 and 65535");
+  EXPECT_EQ(errorOf(chainHead + "status: {port: http}\n"),
+            "x.yaml:5: status.port: must be an integer between 0 and 65535");
+}
+
+TEST(ChainFile, NamesWhatIsMissing) {
+  EXPECT_EQ(errorOf(""), "x.yaml:1: chains: must be given");
+  EXPECT_EQ(errorOf("log: {}\n"), "x.yaml:1: chains: must be given");
+  EXPECT_EQ(errorOf("chains:\n  - name: a\n    transport: T\n"),
+            "x.yaml:2: chains[0].id: must be given");
+  EXPECT_EQ(errorOf("chains:\n  - id: a\n    name: a\n"),
+            "x.yaml:2: chains[0].transport: must be given");
+  EXPECT_EQ(errorOf(chainHead + "status: {}\n"), "x.yaml:5: status.port: must be given");
+}
+
+TEST(ChainFile, RefusesATransportWhoseNameCannotEndASymbol) {
+  EXPECT_EQ(
+      errorOf("chains:\n  - id: a\n    name: b\n    transport: ../evil\n"),
+      "x.yaml:4: chains[0].transport: must be the name of a transport: letters, digits and _");
+}
+
+TEST(ChainFile, NamesTheLineWhereItIsNotYaml) {
+  EXPECT_EQ(errorOf(chainHead + "    config: {a: [}\n").substr(0, 25), "x.yaml:5: not valid YAML:");
+  EXPECT_EQ(errorOf(chainHead + "---\nchains: []\n").substr(0, 7), "x.yaml:");
+}
+
+TEST(ChainFile, RefusesAKeyThatStandsTwice) {
+  EXPECT_EQ(errorOf(chainHead + "    id: again\n"), "x.yaml:5: chains[0].id: the key stands twice");
+  EXPECT_EQ(errorOf(chainHead + "    config:\n      a: {b: 1, b: 2}\n"),
+            "x.yaml:6: chains[0].config.a.b: the key stands twice");
+}
+
+TEST(ChainFile, AMissingFileIsAnErrorThatNamesIt) {
+  const test_support::TemporaryDirectory directory;
+  const std::string path = directory.file("none.yaml");
+  try {
+    readChainFile(path);
+    FAIL();
+  } catch (const ChainFileError& error) {
+    EXPECT_EQ(error.what(), path + ": cannot read the chain file: No such file or directory");
+  }
+  EXPECT_THROW(readChainFile(directory.path().string()), ChainFileError);
+}
+
+TEST(ChainFileConfig, ReadsScalarsByTheCoreSchema) {
+  EXPECT_EQ(configOf("{a: text, b: 5, c: -7, d: 1.5, e: true, f: False, g: null, h: ~, i: 0x1F, "
+                     "j: 0o17, k: +3, l: 1e3, m: .5}"),
+            R"({"a":"text","b":5,"c":-7,"d":1.5,"e":true,"f":false,"g":null,"h":null,"i":31,)"
+            R"("j":15,"k":3,"l":1000.0,"m":0.5})");
+}
+
+TEST(ChainFileConfig, KeepsWhatIsQuotedOrOnlyLooksLikeAnotherKindAsText) {
+  EXPECT_EQ(configOf("{a: \"5\", b: 'true', c: yes, d: 1.2.3, e: 0x, f: '', g: 12ab, h: .}"),
+            R"({"a":"5","b":"true","c":"yes","d":"1.2.3","e":"0x","f":"","g":"12ab","h":"."})");
+}
+
+TEST(ChainFileConfig, KeepsAnIntegerWithALeadingZeroAsTextSoThatAPasswordIsWhole) {
+  EXPECT_EQ(configOf("{a: 0123, b: 0, c: -0123}"), R"({"a":"0123","b":0,"c":"-0123"})");
+}
+
+TEST(ChainFileConfig, ReadsLargeAndSpecialNumbersAsDoubles) {
+  EXPECT_EQ(
+      configOf("{a: 9223372036854775807, b: 9223372036854775808, c: .inf, d: -.Inf, e: .nan}"),
+      R"({"a":9223372036854775807,"b":9223372036854775808.0,)"
+      R"("c":{"$numberDouble":"Infinity"},"d":{"$numberDouble":"-Infinity"},)"
+      R"("e":{"$numberDouble":"NaN"}})");
+}
+
+TEST(ChainFileConfig, FollowsTags) {
+  EXPECT_EQ(
+      configOf("{a: !!str 5, b: !!int \"7\", c: !!float 2, d: !!bool \"true\", e: !!null \"\"}"),
+      R"({"a":"5","b":7,"c":2.0,"d":true,"e":null})");
+}
+
+TEST(ChainFileConfig, ReadsListsMapsAndAliases) {
+  EXPECT_EQ(configOf("{a: [1, [2]], b: &x {c: d}, e: *x, 5: six}"),
+            R"({"5":"six","a":[1,[2]],"b":{"c":"d"},"e":{"c":"d"}})");
+}
+
+TEST(ChainFileConfig, RefusesAnAliasThatLeadsBackToItself) {
+  EXPECT_NE(errorOf(chainHead + "    config: {a: &x [*x]}\n").find("more than 200 levels"),
+            std::string::npos);
+}
+
+TEST(ChainFileConfig, MayBeEmpty) {
+  EXPECT_TRUE(parseChainFile(chainHead + "    config:\n", "x").chains.front().config.empty());
+}
+
+// --- What the files have to be -------------------------------------------------------------------
+
+class ChainFiles : public testing::Test {
+ protected:
+  std::string chain(const std::string& id, const std::string& more) const {
+    return "  - id: " + id + "\n    name: n\n    transport: T\n" + more;
+  }
+  std::string errorOfFiles(const std::string& chains) const {
+    try {
+      checkFiles(parseChainFile("chains:\n" + chains, "x.yaml"));
+      return {};
+    } catch (const ChainFileError& error) {
+      return error.what();
+    }
+  }
+  const test_support::TemporaryDirectory _directory;
+};
+
+TEST_F(ChainFiles, OneChainMayUseBothStandardStreams) {
+  EXPECT_EQ(errorOfFiles(chain("a", "")), "");
+}
+
+TEST_F(ChainFiles, AMissingInputIsAnErrorThatNamesFileLineAndKey) {
+  const std::string input = _directory.file("none");
+  EXPECT_EQ(errorOfFiles(chain("a", "    input: " + input + "\n")),
+            "x.yaml:5: chains[0].input: cannot read " + input + ": No such file or directory");
+}
+
+TEST_F(ChainFiles, AMissingLibraryIsAnErrorThatNamesFileLineAndKey) {
+  const std::string library = _directory.file("none.so");
+  EXPECT_EQ(errorOfFiles(chain("a", "    library: " + library + "\n")),
+            "x.yaml:5: chains[0].library: cannot read " + library + ": No such file or directory");
+}
+
+TEST_F(ChainFiles, AnOutputNeedsItsDirectory) {
+  const std::string output = _directory.file("none/out");
+  EXPECT_EQ(errorOfFiles(chain("a", "    output: " + output + "\n")),
+            "x.yaml:5: chains[0].output: there is no directory " + _directory.file("none"));
+  EXPECT_EQ(errorOfFiles(chain("a", "    output: " + _directory.path().string() + "\n")),
+            "x.yaml:5: chains[0].output: " + _directory.path().string() + " is a directory");
+}
+
+TEST_F(ChainFiles, TwoChainsMayNotShareStandardInput) {
+  const std::string output = "    output: " + _directory.file("out") + "\n";
+  EXPECT_EQ(errorOfFiles(chain("a", "") + chain("b", output)),
+            "x.yaml:7: chains[1].input: two chains cannot share standard input");
+  EXPECT_EQ(errorOfFiles(chain("a", "    input: \"-\"\n") + chain("b", "    input: \"-\"\n")),
+            "x.yaml:9: chains[1].input: two chains cannot share standard input");
+}
+
+TEST_F(ChainFiles, TwoChainsMayNotShareStandardOutput) {
+  const std::string input = "    input: " + _directory.write("in", "") + "\n";
+  EXPECT_EQ(errorOfFiles(chain("a", "") + chain("b", input)),
+            "x.yaml:7: chains[1].output: two chains cannot share standard output");
+}
+
+TEST_F(ChainFiles, TwoChainsMayNotWriteOneFileButMayShareADevice) {
+  const std::string input = "    input: " + _directory.write("in", "") + "\n";
+  const std::string output = _directory.file("out");
+  const auto both = [&](const std::string& first, const std::string& second) {
+    return chain("a", input + "    output: " + first + "\n") +
+           chain("b", input + "    output: " + second + "\n");
+  };
+  EXPECT_EQ(errorOfFiles(both(output, _directory.path().string() + "/./out")),
+            "x.yaml:11: chains[1].output: two chains cannot share the output " +
+                _directory.path().string() + "/./out");
+  EXPECT_EQ(errorOfFiles(both("/dev/null", "/dev/null")), "");
+  EXPECT_EQ(errorOfFiles(both(output, output + "2")), "");
+}
+
+TEST_F(ChainFiles, AnOutputMayNotReplaceAnInput) {
+  const std::string file = _directory.write("both", "");
+  EXPECT_EQ(errorOfFiles(chain("a", "    input: " + file + "\n    output: " + file + "\n")),
+            "x.yaml:6: chains[0].output: " + file + " is also an input");
+}
+
+TEST_F(ChainFiles, TwoChainsMayNotHaveOneIdentity) {
+  const std::string streams = "    input: /dev/null\n    output: /dev/null\n";
+  EXPECT_EQ(errorOfFiles(chain("a", streams) + chain("a", streams)),
+            "x.yaml:9: chains[1]: another chain has the same id and name");
+}
+
+}  // namespace
+}  // namespace host

@@ -8,16 +8,13 @@
 
 #include "host/chain/Chain.hpp"
 #include "host/chain/ChainFile.hpp"
+#include "host/commands/Complaint.hpp"
 #include "host/log/HostLog.hpp"
 #include "host/status/StatusTable.hpp"
 
 namespace host {
 
 namespace {
-
-void complain(const std::exception& error) {
-  std::fprintf(stderr, "orrery-host: %s\n", error.what());
-}
 
 // Keeps the chains that could be created: some faults show only beside another chain.
 bool createAll(const ChainFile& file, StatusTable& status, HostLog& log) {

@@ -6,9 +6,10 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/chain/ChainFile.hpp"
 #include "host/commands/CheckCommand.hpp"
 #include "host/commands/ExitStatus.hpp"
+#include "host/commands/RequestArguments.hpp"
+#include "host/commands/RequestCommand.hpp"
 #include "host/commands/RunCommand.hpp"
 #include "host/demo/DemoCommand.hpp"
 
@@ -19,7 +20,7 @@ namespace {
 constexpr const char* exitStatuses =
     "Exit status: 0 everything read was valid and answered (whatever the HTTP status), 1 a chain\n"
     "could not start or its input, output or transport failed, 2 wrong usage, 3 some input lines\n"
-    "were not valid messages.";
+    "were not valid messages; request: 22 no response, or a status outside 200 to 399.";
 
 constexpr const char* runFooter =
     "Each input line is a request: {\"metadata\": {\"http\": {\"method\": \"GET\", \"path\": "
@@ -34,9 +35,8 @@ constexpr const char* runFooter =
 struct Arguments {
   RunOptions run;
   std::string checkedFile;
+  RequestOptions request;
 };
-
-const std::string levelNames = "error|warn|info|debug|trace";
 
 void addRun(CLI::App& app, Arguments& arguments) {
   CLI::App* run = app.add_subcommand("run", "Send requests read from files or pipes");
@@ -45,14 +45,7 @@ void addRun(CLI::App& app, Arguments& arguments) {
       ->type_name("FILE");
   run->add_option("--output", arguments.run.output, "Write this file (-: standard output)")
       ->type_name("FILE");
-  run->add_option_function<std::string>(
-         "--log-level",
-         [&arguments](const std::string& name) { arguments.run.logLevel = logLevelNamed(name); },
-         "Log this much: " + levelNames)
-      ->type_name("LEVEL")
-      ->check([](const std::string& name) {
-        return logLevelNamed(name) ? std::string() : "must be one of " + levelNames;
-      });
+  addLogLevel(*run, arguments.run.logLevel);
   run->add_option("--status-port", arguments.run.statusPort,
                   "Serve the status items on this port (0: one that the system picks)")
       ->type_name("PORT")
@@ -70,6 +63,7 @@ void addCheck(CLI::App& app, Arguments& arguments) {
 ExitStatus perform(const CLI::App& app, const Arguments& arguments) {
   if (app.got_subcommand("run")) return run(arguments.run);
   if (app.got_subcommand("check")) return check(arguments.checkedFile);
+  if (app.got_subcommand("request")) return request(arguments.request);
   return demo();
 }
 
@@ -81,6 +75,7 @@ int runCommandLine(int argc, const char* const* argv) {
   Arguments arguments;
   addRun(app, arguments);
   addCheck(app, arguments);
+  addRequestCommand(app, arguments.request);
   app.add_subcommand("demo", "Show the transport at work against a server of the program's own");
   app.set_version_flag("--version", std::string("orrery-host ") + ORRERY_VERSION);
   app.set_help_all_flag("--help-all", "Print the help of every command and exit");

@@ -8,6 +8,7 @@ enum class ExitStatus : int {
   CouldNotRun = 1,   // a chain could not start, or its input, output or transport failed
   WrongUsage = 2,    // of the command line
   InvalidLines = 3,  // some input lines were not valid messages
+  NoSuccess = 22,    // of a single request: no response, or a status outside 200 to 399
 };
 
 }  // namespace host

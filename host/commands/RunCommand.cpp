@@ -3,12 +3,10 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <exception>
 #include <memory>
 #include <optional>
 #include <poll.h>
-#include <stdexcept>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -17,8 +15,10 @@
 #include "host/chain/Chain.hpp"
 #include "host/chain/ChainFile.hpp"
 #include "host/chain/Wakeup.hpp"
+#include "host/commands/Complaint.hpp"
 #include "host/commands/Progress.hpp"
 #include "host/commands/Signals.hpp"
+#include "host/commands/UsageError.hpp"
 #include "host/log/HostLog.hpp"
 #include "host/status/StatusServer.hpp"
 #include "host/status/StatusTable.hpp"
@@ -29,11 +29,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int progressIntervalMilliseconds = 250;
-
-class UsageError : public std::runtime_error {
- public:
-  using std::runtime_error::runtime_error;
-};
 
 // The chain file with what the command line says in its place.
 ChainFile readOptions(const RunOptions& options) {
@@ -154,10 +149,6 @@ class Run {
   std::atomic<std::size_t> _running{0};
   bool _stopping = false;
 };
-
-void complain(const std::exception& error) {
-  std::fprintf(stderr, "orrery-host: %s\n", error.what());
-}
 
 }  // namespace
 

@@ -16,6 +16,7 @@
 #include "host/chain/ChainFile.hpp"
 #include "host/chain/PluginLibrary.hpp"
 #include "host/chain/Transport.hpp"
+#include "host/commands/Complaint.hpp"
 #include "host/commands/Progress.hpp"
 #include "host/demo/DemoRequests.hpp"
 #include "host/demo/DemoServer.hpp"
@@ -194,7 +195,7 @@ ExitStatus demo() {
   try {
     return runDemo();
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "orrery-host: %s\n", error.what());
+    complain(error);
     return ExitStatus::CouldNotRun;
   }
 }

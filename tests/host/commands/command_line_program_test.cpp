@@ -23,7 +23,7 @@ TEST(CommandLine, HelpNamesEveryCommandAndExitStatus) {
   HostProgram program({"--help"});
   EXPECT_EQ(program.finish(), 0);
   for (const char* text :
-       {"run", "check", "demo", "--version", "Exit status: 0", "2 wrong usage"}) {
+       {"run", "check", "request", "demo", "--version", "Exit status: 0", "2 wrong usage"}) {
     EXPECT_THAT(program.output(), HasSubstr(text));
   }
 }

@@ -7,6 +7,7 @@
 namespace host_tests {
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 
 TEST(Demo, EveryRequestGetsExactlyOneAnswerTheExpectedOne) {
@@ -15,6 +16,19 @@ TEST(Demo, EveryRequestGetsExactlyOneAnswerTheExpectedOne) {
   EXPECT_EQ(program.errors(), "");
   EXPECT_THAT(program.output(), HasSubstr("\n1000 requests, 1000 answered as expected\n"));
   EXPECT_THAT(program.output(), HasSubstr("http.demo.responsesTowardsHost"));
+}
+
+TEST(Demo, EveryQueueFlushIsABarrier) {
+  HostProgram program({"demo"});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(program.output(),
+              HasSubstr("4 queue flushes, 4 completed behind everything sent before them\n"));
+}
+
+TEST(Demo, EndsWithTheTransportOnline) {
+  HostProgram program({"demo"});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(program.output(), ContainsRegex("http\\.demo\\.status +ONLINE\n"));
 }
 
 }  // namespace

@@ -1,9 +1,6 @@
 #include "host/status/StatusServer.hpp"
 
 #include <algorithm>
-#include <cctype>
-#include <charconv>
-#include <cstdint>
 #include <stdexcept>
 #include <utility>
 
@@ -18,6 +15,7 @@
 #include <Poco/Timespan.h>
 
 #include "host/messages/JsonWriter.hpp"
+#include "host/status/StatusPage.hpp"
 
 namespace host {
 
@@ -27,53 +25,28 @@ using Poco::Net::HTTPServerResponse;
 
 namespace {
 
-bool isInteger(const std::string& text) {
-  std::int64_t ignored = 0;
-  const auto result = std::from_chars(text.data(), text.data() + text.size(), ignored);
-  return result.ec == std::errc() && result.ptr == text.data() + text.size();
-}
-
-// "requestLatencyEWMAShortMillis" as "orrery_request_latency_ewma_short_millis".
-std::string metricName(std::string_view item) {
-  const auto isUpper = [](char c) { return std::isupper(static_cast<unsigned char>(c)) != 0; };
-  std::string name = "orrery";
-  for (std::size_t i = 0; i < item.size(); ++i) {
-    const bool nextIsLower = i + 1 < item.size() && !isUpper(item[i + 1]);
-    const bool startsWord = i == 0 || (isUpper(item[i]) && (!isUpper(item[i - 1]) || nextIsLower));
-    if (startsWord) name += '_';
-    const auto byte = static_cast<unsigned char>(item[i]);
-    name += std::isalnum(byte) != 0 ? static_cast<char>(std::tolower(byte)) : '_';
-  }
-  return name;
-}
-
-std::string labelValue(std::string_view text) {
-  std::string value;
-  for (const char character : text) {
-    if (character == '\\' || character == '"') value += '\\';
-    if (character == '\n') {
-      value += "\\n";
-    } else {
-      value += character;
-    }
-  }
-  return value;
-}
-
 struct Source {
   const StatusTable& table;
   const std::vector<std::string> prefixes;
+  const StatusPage page = statusPage();
 };
 
 void respond(HTTPServerResponse& response, const std::string& type, const std::string& body) {
   response.setContentType(type);
   response.set("Cache-Control", "no-store");
+  response.set("X-Content-Type-Options", "nosniff");
   response.sendBuffer(body.data(), body.size());
 }
 
 void respondWith(HTTPServerResponse& response, HTTPResponse::HTTPStatus status) {
   response.setStatusAndReason(status);
   respond(response, "text/plain; charset=utf-8", response.getReason() + "\n");
+}
+
+void respondWithPage(HTTPServerResponse& response, const StatusPage& page) {
+  response.set("Content-Security-Policy", page.policy);
+  response.set("Referrer-Policy", "no-referrer");
+  respond(response, "text/html; charset=utf-8", page.document);
 }
 
 class Handler : public Poco::Net::HTTPRequestHandler {
@@ -87,6 +60,8 @@ class Handler : public Poco::Net::HTTPRequestHandler {
     if (request.getMethod() != "GET" && request.getMethod() != "HEAD") {
       response.set("Allow", "GET, HEAD");
       respondWith(response, HTTPResponse::HTTP_METHOD_NOT_ALLOWED);
+    } else if (path == "/") {
+      respondWithPage(response, _source.page);
     } else if (path == "/status.json") {
       respond(response, "application/json", statusAsJson(items));
     } else if (path == "/metrics") {
@@ -130,14 +105,14 @@ Poco::Net::ServerSocket listenOn(const StatusDefinition& definition) {
   }
 }
 
-// A client that says nothing must not keep a thread for long.
+// Each connection has a thread while it lasts. One that says nothing must not keep it for long, nor
+// one that asks every second: a few open pages would keep all of them, and /healthz would wait.
 Poco::Net::HTTPServerParams::Ptr serverParameters() {
   constexpr int timeoutSeconds = 10;
   Poco::Net::HTTPServerParams::Ptr parameters(new Poco::Net::HTTPServerParams);
-  parameters->setKeepAlive(true);
+  parameters->setKeepAlive(false);
   parameters->setMaxThreads(4);
   parameters->setTimeout(Poco::Timespan(timeoutSeconds, 0));
-  parameters->setKeepAliveTimeout(Poco::Timespan(timeoutSeconds, 0));
   return parameters;
 }
 
@@ -166,24 +141,6 @@ std::string statusAsJson(const StatusItems& items) {
     writer.writeString(value);
   }
   return text + "}\n";
-}
-
-std::string statusAsMetrics(const StatusItems& items) {
-  // By metric, as the format wants the samples of one metric together.
-  std::map<std::string, std::string> samples;
-  for (const auto& [key, text] : items) {
-    const auto dot = key.rfind('.');
-    if (dot == std::string::npos || !isInteger(text)) continue;
-    const std::string name = metricName(std::string_view(key).substr(dot + 1));
-    std::string& lines = samples[name];
-    lines.append(name).append("{transport=\"").append(labelValue(key.substr(0, dot)));
-    lines.append("\"} ").append(text).append("\n");
-  }
-  std::string out;
-  for (const auto& [name, lines] : samples) {
-    out.append("# TYPE ").append(name).append(" gauge\n").append(lines);
-  }
-  return out;
 }
 
 bool areAllOnline(const StatusItems& items, const std::vector<std::string>& prefixes) {

@@ -1,19 +1,20 @@
 // The status server: what the chains of a run publish, over HTTP.
 //
+//   /             a page for people, which asks for /status.json every second (StatusPage)
 //   /status.json  every status item as one object, key to text, the keys in ascending order
-//   /metrics      the items whose text is a number, in Prometheus' text exposition format 0.0.4:
-//                 orrery_queue_size{transport="shop.orders"} 3 for the item shop.orders.queueSize
+//   /metrics      the items in Prometheus' text exposition format (MetricsText)
 //   /healthz      200 "OK" while the item .status of every chain is ONLINE, else 503
 //
-// Any other path is 404, any method but GET and HEAD 405. No request changes anything.
+// Any other path is 404, any method but GET and HEAD 405. No request changes anything. A connection
+// is closed after its answer.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "host/chain/ChainFile.hpp"
+#include "host/status/MetricsText.hpp"
 #include "host/status/StatusTable.hpp"
 
 namespace Poco::Net {
@@ -40,11 +41,8 @@ class StatusServer {
   std::unique_ptr<Poco::Net::HTTPServer> _server;
 };
 
-using StatusItems = std::map<std::string, std::string>;
-
-// What /status.json and /metrics hold, and whether /healthz is 200.
+// What /status.json holds, and whether /healthz is 200.
 std::string statusAsJson(const StatusItems& items);
-std::string statusAsMetrics(const StatusItems& items);
 bool areAllOnline(const StatusItems& items, const std::vector<std::string>& prefixes);
 
 }  // namespace host

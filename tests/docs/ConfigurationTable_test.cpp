@@ -1,0 +1,436 @@
+// docs/configuration.md, the transport's options: each row against the transport.
+#include <functional>
+#include <map>
+#include <optional>
+#include <regex>
+#include <set>
+#include <stdexcept>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "connectivity/value_access.hpp"
+#include "plugins/http_client/ConfiguredOptions.hpp"
+#include "tests/docs/Markdown.hpp"
+#include "tests/docs/Sandbox.hpp"
+#include "tests/docs/Values.hpp"
+#include "tests/support/Certificates.hpp"
+#include "tests/support/PluginUnderTest.hpp"
+#include "tests/support/ScriptedProxy.hpp"
+#include "tests/support/ScriptedServer.hpp"
+
+namespace docs_tests {
+namespace {
+
+using connectivity::data_t;
+using connectivity::get;
+using connectivity::map_t;
+using connectivity::plugins::ConfiguredOptions;
+using test_support::Answer;
+using test_support::base64;
+using test_support::CertificateAuthority;
+using test_support::Config;
+using test_support::PluginUnderTest;
+using test_support::RecordedRequest;
+using test_support::Request;
+using test_support::ScriptedProxy;
+using test_support::ScriptedServer;
+
+const std::string pageName = "docs/configuration.md";
+
+const std::vector<Row>& optionRows() {
+  static const Page page = readPage(pageName);
+  return page.table("The transport").rows;
+}
+
+const std::vector<Row>& olderSpellingRows() {
+  static const Page page = readPage(pageName);
+  return page.table("The transport", 1).rows;
+}
+
+// The error of a configuration, or none.
+std::optional<std::string> errorOf(const map_t& configuration) {
+  try {
+    static_cast<void>(ConfiguredOptions::parse(configuration));
+    return std::nullopt;
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+}
+
+map_t withHost(const std::string& path, data_t&& value) {
+  map_t configuration = configOf("host: localhost");
+  test_support::put(configuration, test_support::keysOf(path), std::move(value));
+  return configuration;
+}
+
+// --- The set of keys -----------------------------------------------------------------------------
+
+// Every text in the transport's sources that it takes as the key of an option.
+std::set<std::string> acceptedKeys() {
+  std::set<std::string> accepted;
+  for (const std::string& key : keyLiteralsBelow({"plugins/http_client"})) {
+    const auto error = errorOf(withHost(key, data_t("x")));
+    const bool isUnknown = error && error->find("Unknown configuration element") == 0;
+    const bool isMap = error && error->ends_with("is an incorrectly nested map");
+    if (!isUnknown && !isMap) accepted.insert(key);
+  }
+  return accepted;
+}
+
+TEST(ConfigurationTable, HasExactlyTheKeysThatTheTransportAccepts) {
+  std::set<std::string> documented;
+  for (const Row& row : optionRows()) EXPECT_TRUE(documented.insert(row.name).second) << row.place;
+  for (const Row& row : olderSpellingRows()) {
+    EXPECT_TRUE(documented.insert(row.name).second) << row.place;
+  }
+  const auto accepted = acceptedKeys();
+  for (const auto& key : accepted) {
+    EXPECT_TRUE(documented.contains(key)) << pageName << ": no row for the option " << key;
+  }
+  for (const auto& key : documented) {
+    EXPECT_TRUE(accepted.contains(key)) << pageName << ": there is no option " << key;
+  }
+}
+
+// --- Types, defaults, ranges ---------------------------------------------------------------------
+
+std::string quoted(const std::string& text) { return "`" + text + "`"; }
+std::string shown(const std::string& text) { return text.empty() ? "empty" : quoted(text); }
+std::string shown(bool value) { return value ? "`true`" : "`false`"; }
+std::string shown(std::int64_t number) {
+  return number == ConfiguredOptions::portUnset ? "unset" : quoted(std::to_string(number));
+}
+
+// What the transport takes where an option is not given, as the table has to say it.
+std::map<std::string, std::string> realDefaults() {
+  const auto plain = ConfiguredOptions::parse(configOf("host: x"));
+  const auto tls = ConfiguredOptions::parse(configOf("{host: x, tls: true}"));
+  return {
+      {"host", errorOf({}) == "HTTPClient configuration host must be given" ? "required" : "?"},
+      {"port", shown(tls.port) + " with `tls`, else " + shown(plain.port)},
+      {"timeoutSecs", shown(plain.timeoutSecs)},
+      {"tls", shown(plain.tls)},
+      {"tlsCertificateAuthorityFile", shown(plain.tlsCertificateAuthorityFile)},
+      {"tlsAcceptUnrecognizedCertificates", shown(plain.tlsAcceptUnrecognizedCertificates)},
+      {"authentication/authenticationType", shown(plain.authenticationType)},
+      {"authentication/username", shown(plain.username)},
+      {"authentication/password", shown(plain.password)},
+      {"basePath", shown(plain.basePath)},
+      {"proxy/host", shown(plain.proxyHost)},
+      {"proxy/port", shown(plain.proxyPort)},
+      {"proxy/authentication/authenticationType", shown(plain.proxyAuthenticationType)},
+      {"proxy/authentication/username", shown(plain.proxyUsername)},
+      {"proxy/authentication/password", shown(plain.proxyPassword)},
+      {"followRedirects", shown(plain.followRedirects)},
+      {"cookieJar", shown(plain.cookieJar)},
+      {"numClients", shown(plain.numClients)},
+      {"maxResponseKB", shown(plain.maxResponseKB)},
+      {"maxResponsePolicy", shown(plain.maxResponsePolicy)},
+  };
+}
+
+TEST(ConfigurationTable, TellsTheDefaultsOfTheTransport) {
+  const auto defaults = realDefaults();
+  for (const Row& row : optionRows()) {
+    const auto real = defaults.find(row.name);
+    ASSERT_NE(real, defaults.end()) << row.place << ": this test does not know the option";
+    EXPECT_EQ(row.text("default"), real->second) << row.place;
+  }
+}
+
+// A value of no option's type but its own.
+data_t valueOfWrongKind(const std::string& type) {
+  return type == "boolean" ? data_t(7LL) : data_t(connectivity::list_t());
+}
+
+TEST(ConfigurationTable, TellsTheTypesOfTheTransport) {
+  const std::map<std::string, std::string> phrases{{"string", "must be a string"},
+                                                   {"integer", "must be an integer"},
+                                                   {"boolean", "must be a boolean"}};
+  for (const Row& row : optionRows()) {
+    const std::string& type = row.text("type");
+    if (const auto phrase = phrases.find(type); phrase != phrases.end()) {
+      const auto error = errorOf(withHost(row.name, valueOfWrongKind(type)));
+      EXPECT_NE(error.value_or("none").find(phrase->second), std::string::npos)
+          << row.place << ": not of the type " << type << ": " << error.value_or("no error");
+      continue;
+    }
+    const auto values = row.codes("type");
+    ASSERT_GE(values.size(), 2U) << row.place << ": unknown type " << type;
+    for (const std::string& value : values) {
+      EXPECT_EQ(errorOf(withHost(row.name, data_t(value))), std::nullopt) << row.place;
+    }
+    const auto error = errorOf(withHost(row.name, data_t("other"))).value_or("");
+    for (const std::string& value : values) {
+      EXPECT_NE(error.find(value), std::string::npos) << row.place << ": " << error;
+    }
+  }
+}
+
+long long numberOf(std::string text) {
+  std::erase(text, ',');
+  return std::stoll(text);
+}
+
+// Whether a value of an integer option passes.
+bool isInRange(const std::string& key, long long value) {
+  map_t configuration = withHost(key, data_t(value));
+  if (key.starts_with("proxy/")) test_support::put(configuration, {"proxy", "host"}, data_t("p"));
+  return !errorOf(configuration);
+}
+
+TEST(ConfigurationTable, TellsTheRangesOfTheTransport) {
+  const std::regex range("(?:.*, )?(-?[0-9,]+) (?:to (-?[0-9,]+)|or more).*");
+  for (const Row& row : optionRows()) {
+    if (row.text("type") != "integer") continue;
+    std::smatch match;
+    const std::string text = row.text("unit, range");
+    ASSERT_TRUE(std::regex_match(text, match, range)) << row.place << ": no range in " << text;
+    const long long least = numberOf(match[1]);
+    EXPECT_TRUE(isInRange(row.name, least)) << row.place;
+    EXPECT_FALSE(isInRange(row.name, least - 1)) << row.place;
+    const bool isOpen = !match[2].matched;
+    const long long most = isOpen ? std::numeric_limits<long long>::max() : numberOf(match[2]);
+    EXPECT_TRUE(isInRange(row.name, most)) << row.place;
+    if (!isOpen) {
+      EXPECT_FALSE(isInRange(row.name, most + 1)) << row.place;
+    }
+  }
+}
+
+// --- The examples --------------------------------------------------------------------------------
+
+std::string chainFileWith(const std::string& example) {
+  std::string config = example.starts_with("{") ? example.substr(1, example.size() - 2) : example;
+  const map_t options = configOf("{" + config + "}");
+  if (options.findText("host") == nullptr) config = "host: localhost, " + config;
+  return "chains: [{id: docs, name: docs, transport: HTTPClient, config: {" + config + "}}]\n";
+}
+
+TEST(ConfigurationTable, ExamplesAreAcceptedByTheProgram) {
+  const Sandbox sandbox;
+  const CertificateAuthority authority;
+  sandbox.write("ca.pem", test_support::readFile(authority.caFile()));
+  for (const auto* rows : {&optionRows(), &olderSpellingRows()}) {
+    for (const Row& row : *rows) {
+      for (const std::string& example : row.codes("example")) {
+        const Outcome outcome = checkChainFile(sandbox, chainFileWith(example));
+        EXPECT_EQ(outcome.status, 0) << row.place << ": " << outcome.errors;
+        EXPECT_EQ(outcome.output, "OK\n") << row.place;
+      }
+    }
+  }
+}
+
+TEST(ConfigurationTable, EveryExampleGivesItsOwnKey) {
+  for (const auto* rows : {&optionRows(), &olderSpellingRows()}) {
+    for (const Row& row : *rows) {
+      ASSERT_EQ(row.codes("example").size(), 1U) << row.place;
+      const map_t example = configOf(row.codes("example").front());
+      EXPECT_NE(test_support::find(example, test_support::keysOf(row.name)), nullptr) << row.place;
+    }
+  }
+}
+
+// What an example does, seen from outside.
+class Effect {
+ public:
+  explicit Effect(const Row& row) : _example(configOf(row.codes("example").front())) {}
+
+  Config config(int port) const { return over(Config(port)); }
+  Config over(Config config) const {
+    for (const auto entry : _example) config.set(entry.first.text(), entry.second.copy());
+    return config;
+  }
+  std::string text(const std::string& path) const {
+    const data_t* value = test_support::find(_example, test_support::keysOf(path));
+    return value == nullptr ? std::string() : connectivity::convert_to<std::string>(*value);
+  }
+
+ private:
+  const map_t _example;
+};
+
+// What a server that answers everything with 200 receives.
+RecordedRequest sent(const Effect& effect) {
+  ScriptedServer server;
+  server.answer("/x", {});
+  server.answer(effect.text("basePath") + "/x", {});
+  PluginUnderTest plugin(effect.config(server.port()));
+  const Answer answer = plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(answer.status(), 200) << answer.reason();
+  return server.request(0);
+}
+
+void expectHostOnTheWire(const Effect& effect) {
+  const auto host = sent(effect).header("host").value_or("");
+  EXPECT_TRUE(host.starts_with(effect.text("host") + ":")) << host;
+}
+
+void expectPortInTheLog(const Effect& effect) {
+  PluginUnderTest plugin(effect.config(1));
+  plugin.log().waitForLine("Connecting to http://127.0.0.1:" + effect.text("port"));
+}
+
+// The server never answers.
+void expectTimeOut(const Effect& effect) {
+  ScriptedServer server([](test_support::Connection& connection) {
+    connection.readRequest();
+    connection.awaitPeerClose();
+  });
+  PluginUnderTest plugin(effect.config(server.port()));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).reason(),
+            "Timeout: The server sent nothing within the time-out");
+}
+
+void expectTls(const Effect& effect) {
+  CertificateAuthority authority;
+  ScriptedServer server(test_support::TlsOptions{authority.issue()});
+  server.answer("/x", {});
+  Config config = effect.config(server.port());
+  config.set("tls", true).set("tlsAcceptUnrecognizedCertificates", true);
+  PluginUnderTest plugin(config);
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).status(), 200);
+}
+
+void expectTrustInTheFile(const Effect& effect) {
+  const Sandbox sandbox;
+  CertificateAuthority authority;
+  sandbox.write("ca.pem", test_support::readFile(authority.caFile()));
+  ScriptedServer server(test_support::TlsOptions{authority.issue()});
+  server.answer("/x", {});
+  PluginUnderTest plugin(effect.config(server.port()).set("tls", true));
+  const Answer answer = plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(answer.status(), 200) << answer.reason();
+}
+
+void expectAcceptedCertificate(const Effect& effect) {
+  CertificateAuthority authority;
+  ScriptedServer server(test_support::TlsOptions{authority.issueSelfSigned()});
+  server.answer("/x", {});
+  PluginUnderTest plugin(effect.config(server.port()).set("tls", true));
+  const Answer answer = plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(answer.status(), 200) << answer.reason();
+}
+
+void expectCredentials(const Effect& effect) {
+  const std::string user =
+      effect.text("authentication/username") + effect.text("authentication/user");
+  EXPECT_EQ(sent(effect).header("authorization"),
+            "Basic " + base64(user + ":" + effect.text("authentication/password")));
+}
+
+void expectBasePathOnTheWire(const Effect& effect) {
+  EXPECT_EQ(sent(effect).target, effect.text("basePath") + "/x");
+}
+
+void expectProxyInTheLog(const Effect& effect) {
+  PluginUnderTest plugin(effect.config(1));
+  plugin.log().waitForLine("Connecting via proxy server http://" + effect.text("proxy/host") + ":" +
+                           effect.text("proxy/port"));
+}
+
+void expectProxyCredentials(const Effect& effect) {
+  const std::string place = "proxy/authentication/";
+  const std::string user = effect.text(place + "username") + effect.text(place + "user");
+  ScriptedServer server;
+  server.answer("/x", {});
+  test_support::ProxyOptions options;
+  options.credentials = user + ":" + effect.text(place + "password");
+  const ScriptedProxy proxy(options);
+  PluginUnderTest plugin(effect.config(server.port()).set("proxy/port", proxy.port()));
+  const Answer answer = plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(answer.status(), 200) << answer.reason();
+  EXPECT_EQ(proxy.requests().size(), 1U);
+}
+
+void expectRedirectDelivered(const Effect& effect) {
+  ScriptedServer server;
+  server.answer("/x", {302, {{"Location", "/y"}}, ""});
+  PluginUnderTest plugin(effect.config(server.port()));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).status(), 302);
+}
+
+void expectNoCookieBack(const Effect& effect) {
+  ScriptedServer server;
+  server.answer("/x", {200, {{"Set-Cookie", "a=b; Path=/"}}, ""});
+  PluginUnderTest plugin(effect.config(server.port()));
+  plugin.request(Request("GET", "/x"));
+  plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(server.request(1).header("cookie"), std::nullopt);
+}
+
+void expectWorkers(const Effect& effect) {
+  PluginUnderTest plugin(effect.config(1));
+  EXPECT_EQ(plugin.statusItem(".numClients"), effect.text("numClients"));
+}
+
+Answer bigAnswer(const Effect& effect) {
+  ScriptedServer server;
+  server.answer("/x", {200, {}, std::string(3000, 'x')});
+  PluginUnderTest plugin(effect.config(server.port()));
+  return plugin.request(Request("GET", "/x"));
+}
+
+void expectLimit(const Effect& effect) { EXPECT_EQ(bigAnswer(effect).status(), 413); }
+
+void expectCutEnd(const Effect& effect) {
+  EXPECT_EQ(bigAnswer(effect).body(), std::string(1000, 'x') + "[TRUNCATED]");
+}
+
+const std::map<std::string, std::function<void(const Effect&)>>& effects() {
+  static const std::map<std::string, std::function<void(const Effect&)>> all{
+      {"host", expectHostOnTheWire},
+      {"port", expectPortInTheLog},
+      {"timeoutSecs", expectTimeOut},
+      {"tls", expectTls},
+      {"tlsCertificateAuthorityFile", expectTrustInTheFile},
+      {"tlsAcceptUnrecognizedCertificates", expectAcceptedCertificate},
+      {"authentication/authenticationType", expectCredentials},
+      {"authentication/username", expectCredentials},
+      {"authentication/password", expectCredentials},
+      {"basePath", expectBasePathOnTheWire},
+      {"proxy/host", expectProxyInTheLog},
+      {"proxy/port", expectProxyInTheLog},
+      {"proxy/authentication/authenticationType", expectProxyCredentials},
+      {"proxy/authentication/username", expectProxyCredentials},
+      {"proxy/authentication/password", expectProxyCredentials},
+      {"followRedirects", expectRedirectDelivered},
+      {"cookieJar", expectNoCookieBack},
+      {"numClients", expectWorkers},
+      {"maxResponseKB", expectLimit},
+      {"maxResponsePolicy", expectCutEnd},
+  };
+  return all;
+}
+
+void expectEffect(const Row& row, const std::string& key) {
+  SCOPED_TRACE(row.place);
+  const auto effect = effects().find(key);
+  ASSERT_NE(effect, effects().end()) << "this test does not know what the option does";
+  effect->second(Effect(row));
+}
+
+TEST(ConfigurationTable, ExamplesTakeEffect) {
+  for (const Row& row : optionRows()) expectEffect(row, row.name);
+}
+
+TEST(ConfigurationTable, OlderSpellingsTakeTheSameEffect) {
+  for (const Row& row : olderSpellingRows()) expectEffect(row, row.codes("key").front());
+}
+
+TEST(ConfigurationErrors, AreWhatTheProgramSays) {
+  const Sandbox sandbox;
+  const Page page = readPage(pageName);
+  for (const Row& row : page.table("Errors").rows) {
+    ASSERT_EQ(row.codes("example").size(), 1U) << row.place;
+    const Outcome outcome = checkChainFile(sandbox, chainFileWith(row.codes("example").front()));
+    EXPECT_EQ(outcome.status, 1) << row.place;
+    EXPECT_NE(outcome.errors.find("Exception from create: " + row.name), std::string::npos)
+        << row.place << ": " << outcome.errors;
+  }
+}
+
+}  // namespace
+}  // namespace docs_tests

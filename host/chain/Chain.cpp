@@ -4,16 +4,15 @@
 #include <chrono>
 #include <exception>
 #include <memory>
+#include <numeric>
 #include <thread>
 #include <utility>
 
-#include "connectivity/value_access.hpp"
 #include "host/chain/FlushMessage.hpp"
 
 namespace host {
 
 using connectivity::data_t;
-using connectivity::map_t;
 using connectivity::Message;
 
 namespace {
@@ -26,16 +25,6 @@ constexpr std::size_t maxBatch = 128;
 constexpr std::chrono::microseconds fullQueueWait{500};
 constexpr std::uint64_t queueCapacity = 2048;
 constexpr std::size_t keptLineCapacity = std::size_t{1024} * 1024;
-
-// Whether the status is one that counts as success; a response without status is a failure.
-bool isSuccess(const Message& response) {
-  const data_t* http = response.metadata.findText("http");
-  if (http == nullptr || http->tag() != QOR_MAP) return false;
-  const data_t* status = connectivity::get<map_t>(*http).findText("statusCode");
-  if (status == nullptr || status->tag() != QOR_INT64) return false;
-  const long long code = connectivity::get<long long>(*status);
-  return code >= 200 && code <= 399;
-}
 
 }  // namespace
 
@@ -64,6 +53,7 @@ void Chain::start() {
 }
 
 void Chain::run() {
+  const auto begin = std::chrono::steady_clock::now();
   std::thread reader([this] { readInput(); });
   _outstanding.waitUntilNone();
   if (!_transport->shutdown()) fail("the transport could not be shut down (see the log)");
@@ -71,6 +61,8 @@ void Chain::run() {
   _input->stop();
   reader.join();
   _output->close();
+  const orrery::AutoMutex lock(_writerMutex);
+  _statistics.duration = std::chrono::steady_clock::now() - begin;
 }
 
 void Chain::stopReading() noexcept { _input->stop(); }
@@ -93,6 +85,13 @@ ChainCounts Chain::counts() const {
     counts.bytesInAll = _input->size();
   }
   return counts;
+}
+
+ChainStatistics Chain::statistics() const {
+  const orrery::AutoMutex lock(_writerMutex);
+  ChainStatistics statistics = _statistics;
+  statistics.requestBytes = _requestBytes.load();
+  return statistics;
 }
 
 // --- Towards the transport -----------------------------------------------------------------------
@@ -123,13 +122,22 @@ void Chain::handle(const InputLines::Line& line) {
   if (MessageReader::isBlank(line.text)) return;
   try {
     auto read = _reader.read(line.text, line.number);
-    auto* flush = std::get_if<FlushRequest>(&read);
-    _batch.push_back(flush != nullptr ? flushMessage(std::move(*flush))
-                                      : std::move(std::get<Message>(read)));
-    _origins.push_back({line.number, flush != nullptr});
+    if (auto* flush = std::get_if<FlushRequest>(&read)) {
+      _batch.push_back(flushMessage(std::move(*flush)));
+      _origins.push_back({line.number, true, 0, 0});
+    } else {
+      queueRequest(std::move(std::get<Message>(read)), line.number);
+    }
   } catch (const InvalidLine& error) {
     reportInvalid(line.number, error.what());
   }
+}
+
+void Chain::queueRequest(Message&& request, std::uint64_t line) {
+  const std::uint64_t key = _answers.keyOfId(request);
+  _origins.push_back({line, false, key, payloadBytes(request.payload)});
+  _idKeys.push_back(key);
+  _batch.push_back(std::move(request));
 }
 
 Message Chain::flushMessage(FlushRequest&& flush) {
@@ -146,17 +154,18 @@ void Chain::sendBatch() {
   // would wait for a place of its own, and every answer would cost a change of threads.
   if (_fullLevel > 0) _outstanding.waitUntilAtMost(_fullLevel - _batch.size());
   const auto begin = std::chrono::steady_clock::now();
-  handOver();
+  handOver(begin);
   if (std::chrono::steady_clock::now() - begin < fullQueueWait) return;
   const std::uint64_t outstanding = _outstanding.count();
   if (outstanding >= queueCapacity) _fullLevel = std::max(_fullLevel, outstanding);
 }
 
-void Chain::handOver() {
-  const auto requests = static_cast<std::uint64_t>(std::count_if(
-      _origins.begin(), _origins.end(), [](const Origin& origin) { return !origin.isFlush; }));
-  _sent.fetch_add(requests);
-  _outstanding.add(_batch.size());
+void Chain::handOver(Outstanding::TimePoint now) {
+  _sent.fetch_add(_idKeys.size());
+  _requestBytes.fetch_add(
+      std::accumulate(_origins.begin(), _origins.end(), std::uint64_t{0},
+                      [](std::uint64_t sum, const Origin& origin) { return sum + origin.bytes; }));
+  _outstanding.add(_batch.size(), _idKeys, now);
   for (std::size_t first = 0; first < _batch.size();) {
     _transport->send(_batch.data() + first, _batch.data() + _batch.size());
     first = firstNotTaken(first);
@@ -169,6 +178,7 @@ void Chain::handOver() {
   }
   _batch.clear();
   _origins.clear();
+  _idKeys.clear();
 }
 
 bool Chain::wasTaken(std::size_t index) const {
@@ -185,10 +195,12 @@ std::size_t Chain::firstNotTaken(std::size_t from) const {
 void Chain::takeBack(std::size_t index) {
   if (_origins[index].isFlush) {
     withdrawFlushMessage(_batch[index]);
+    _outstanding.remove(1);
   } else {
     _sent.fetch_sub(1);
+    _requestBytes.fetch_sub(_origins[index].bytes);
+    _outstanding.withdraw(_origins[index].idKey);
   }
-  _outstanding.remove(1);
 }
 
 void Chain::reportInvalid(std::uint64_t line, const std::string& text) {
@@ -199,16 +211,30 @@ void Chain::reportInvalid(std::uint64_t line, const std::string& text) {
 // --- From the transport --------------------------------------------------------------------------
 
 void Chain::receive(const Message& response) {
+  const auto now = std::chrono::steady_clock::now();
+  const AnswerStatus status = _answers.statusOf(response);
   _answered.fetch_add(1);
-  if (!isSuccess(response)) _failed.fetch_add(1);
+  if (!status.isSuccess()) _failed.fetch_add(1);
   try {
-    write([&](MessageWriter& writer) { writer.writeResponse(response); },
-          _outstanding.count() == 1);
+    const auto answered = _outstanding.answer(_answers.keyOfId(response));
+    const orrery::AutoMutex lock(_writerMutex);
+    record(response, status, answered, now);
+    _lines.clear();
+    _writer.writeResponse(response);
+    appendLines(answered.isLast);
   } catch (const std::exception& error) {
     fail(error.what());
   }
   // Only now, when it is written: nobody ends the output before.
   _outstanding.remove(1);
+}
+
+void Chain::record(const Message& response, const AnswerStatus& status,
+                   const Outstanding::Answered& answered, Outstanding::TimePoint now) {
+  ++_statistics.answers[static_cast<std::size_t>(status.statusClass())];
+  if (status.isTransportError) ++_statistics.withoutResponse;
+  _statistics.responseBytes += payloadBytes(response.payload);
+  if (answered.handedOver) _statistics.latencies.record(now - *answered.handedOver);
 }
 
 void Chain::onFlushReleased(const data_t& id) noexcept {
@@ -228,6 +254,10 @@ void Chain::write(Write&& write, bool flushNow) {
   const orrery::AutoMutex lock(_writerMutex);
   _lines.clear();
   std::forward<Write>(write)(_writer);
+  appendLines(flushNow);
+}
+
+void Chain::appendLines(bool flushNow) {
   _output->append(_lines, flushNow);
   if (_lines.capacity() > keptLineCapacity) _lines.shrink_to_fit();
 }

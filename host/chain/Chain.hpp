@@ -17,6 +17,7 @@
 
 #include "connectivity/data_t.hpp"
 #include "host/chain/ChainFile.hpp"
+#include "host/chain/ChainStatistics.hpp"
 #include "host/chain/InputLines.hpp"
 #include "host/chain/OutputLines.hpp"
 #include "host/chain/Outstanding.hpp"
@@ -62,7 +63,9 @@ class Chain final : private ResponseReceiver {
   void drop() noexcept;
 
   const std::string& id() const noexcept { return _definition.id; }
+  const std::string& name() const noexcept { return _definition.name; }
   ChainCounts counts() const;
+  ChainStatistics statistics() const ORRERY_EXCLUDES(_writerMutex);
   // Why the chain ended early: an input or output error, or a failure of the transport. Empty where
   // it did not. REQUIRES: run() has returned.
   const std::string& failure() const noexcept { return _failure; }
@@ -72,28 +75,36 @@ class Chain final : private ResponseReceiver {
   struct Origin {
     std::uint64_t line;
     bool isFlush;
+    std::uint64_t idKey;  // of a request
+    std::uint64_t bytes;  // of its payload
   };
 
   void receive(const connectivity::Message& response) override;
   void readInput() noexcept;
   void readLines();
   void handle(const InputLines::Line& line);
+  void queueRequest(connectivity::Message&& request, std::uint64_t line);
   connectivity::Message flushMessage(FlushRequest&& flush);
   void sendBatch();
-  void handOver();
+  void handOver(Outstanding::TimePoint now);
   bool wasTaken(std::size_t index) const;
   std::size_t firstNotTaken(std::size_t from) const;
   void takeBack(std::size_t index);
+  void record(const connectivity::Message& response, const AnswerStatus& status,
+              const Outstanding::Answered& answered, Outstanding::TimePoint now)
+      ORRERY_REQUIRES(_writerMutex);
   void reportInvalid(std::uint64_t line, const std::string& text);
   void onFlushReleased(const connectivity::data_t& id) noexcept;
   void onOutputFailure(const std::string& reason);
   void fail(const std::string& reason) ORRERY_EXCLUDES(_failureMutex);
   template <typename Write>
   void write(Write&& write, bool flushNow) ORRERY_EXCLUDES(_writerMutex);
+  void appendLines(bool flushNow) ORRERY_REQUIRES(_writerMutex);
 
   const ChainDefinition& _definition;
   HostLog& _log;
   const PluginLibrary _library;
+  const AnswerReader _answers;
   std::atomic<bool> _ending{false};  // the transport is being destroyed
   std::optional<InputLines> _input;
   std::optional<OutputLines> _output;
@@ -102,12 +113,15 @@ class Chain final : private ResponseReceiver {
   // Below: used by the reading thread.
   MessageReader _reader;
   std::vector<connectivity::Message> _batch;
-  std::uint64_t _fullLevel = 0;  // how many were outstanding at a full queue; 0: none was met
-  std::vector<Origin> _origins;  // of the messages in _batch
+  std::uint64_t _fullLevel = 0;        // how many were outstanding at a full queue; 0: none was met
+  std::vector<Origin> _origins;        // of the messages in _batch
+  std::vector<std::uint64_t> _idKeys;  // of the requests among them
 
-  orrery::Mutex _writerMutex{"ChainWriter"};
+  mutable orrery::Mutex _writerMutex{"ChainWriter"};
   std::string _lines ORRERY_GUARDED_BY(_writerMutex);
   MessageWriter _writer ORRERY_GUARDED_BY(_writerMutex);
+  // What is known of answers; the rest is filled in by statistics().
+  ChainStatistics _statistics ORRERY_GUARDED_BY(_writerMutex);
 
   mutable orrery::Mutex _failureMutex{"ChainFailure"};
   std::string _failure;  // written under the mutex; read when all threads have ended
@@ -116,6 +130,7 @@ class Chain final : private ResponseReceiver {
   std::atomic<std::uint64_t> _answered{0};
   std::atomic<std::uint64_t> _failed{0};
   std::atomic<std::uint64_t> _invalid{0};
+  std::atomic<std::uint64_t> _requestBytes{0};
 
   std::optional<Transport> _transport;  // last: its threads use all of the above
 };

@@ -4,9 +4,20 @@
 
 namespace host {
 
-void Outstanding::add(std::uint64_t count) {
+void Outstanding::add(std::uint64_t count, std::span<const std::uint64_t> keys, TimePoint now) {
   const orrery::AutoMutex lock(_mutex);
   _count += count;
+  for (const std::uint64_t key : keys) _times.add(key, now);
+}
+
+Outstanding::Answered Outstanding::answer(std::uint64_t key) {
+  const orrery::AutoMutex lock(_mutex);
+  return {_times.take(key), _count == 1};
+}
+
+void Outstanding::withdraw(std::uint64_t key) {
+  answer(key);
+  remove(1);
 }
 
 void Outstanding::remove(std::uint64_t count) {

@@ -1,16 +1,34 @@
 // What a chain still waits for: input that is being read, requests without answer, flushes that are
-// not complete. Any thread may call anything.
+// not complete. And since when: the hand-over times of requests. Any thread may call anything.
 #pragma once
 
 #include <cstdint>
+#include <optional>
+#include <span>
 
+#include "host/chain/HandoverTimes.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace host {
 
 class Outstanding {
  public:
-  void add(std::uint64_t count) ORRERY_EXCLUDES(_mutex);
+  using TimePoint = HandoverTimes::TimePoint;
+
+  // What is known when an answer comes.
+  struct Answered {
+    std::optional<TimePoint> handedOver;
+    bool isLast;  // nothing else is outstanding
+  };
+
+  void add(std::uint64_t count) ORRERY_EXCLUDES(_mutex) { add(count, {}, {}); }
+  // Among them are requests with these keys, handed over now.
+  void add(std::uint64_t count, std::span<const std::uint64_t> keys, TimePoint now)
+      ORRERY_EXCLUDES(_mutex);
+  // The answer to a request with this key has come; it stays outstanding until it is removed.
+  Answered answer(std::uint64_t key) ORRERY_EXCLUDES(_mutex);
+  // A request with this key has not been taken after all.
+  void withdraw(std::uint64_t key) ORRERY_EXCLUDES(_mutex);
   void remove(std::uint64_t count) ORRERY_EXCLUDES(_mutex);
   std::uint64_t count() const ORRERY_EXCLUDES(_mutex);
   // Waits until no more than `level` are outstanding, or for abandon(). For one thread.
@@ -25,6 +43,7 @@ class Outstanding {
   mutable orrery::Mutex _mutex{"Outstanding"};
   orrery::Condition _changed{_mutex};
   std::uint64_t _count ORRERY_GUARDED_BY(_mutex) = 0;
+  HandoverTimes _times ORRERY_GUARDED_BY(_mutex);
   std::uint64_t _awaitedLevel ORRERY_GUARDED_BY(_mutex) = 0;
   bool _reading ORRERY_GUARDED_BY(_mutex) = true;
   bool _abandoned ORRERY_GUARDED_BY(_mutex) = false;

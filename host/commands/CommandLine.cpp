@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <string>
 
 #include <CLI/CLI.hpp>
@@ -38,6 +39,25 @@ struct Arguments {
   RequestOptions request;
 };
 
+void addSummary(CLI::App& run, RunOptions& options) {
+  const std::map<std::string, SummaryForm> forms{{"text", SummaryForm::Text},
+                                                 {"json", SummaryForm::Json}};
+  auto* summary = run.add_option_function<std::string>(
+      "--summary", [&options, forms](const std::string& name) { options.summary = forms.at(name); },
+      "Tell at the end what has been done: in lines of the log, or in one line of JSON");
+  summary->type_name("text|json")->check([forms](const std::string& name) {
+    return forms.contains(name) ? std::string() : name + " must be text or json";
+  });
+  run.add_flag_callback(
+         "--quiet",
+         [&options] {
+           options.showsProgress = false;
+           options.summary = SummaryForm::None;
+         },
+         "Neither progress nor summary")
+      ->excludes(summary);
+}
+
 void addRun(CLI::App& app, Arguments& arguments) {
   CLI::App* run = app.add_subcommand("run", "Send requests read from files or pipes");
   run->add_option("CHAIN.yaml", arguments.run.chainFile, "The chain file")->required();
@@ -50,6 +70,7 @@ void addRun(CLI::App& app, Arguments& arguments) {
                   "Serve the status items on this port (0: one that the system picks)")
       ->type_name("PORT")
       ->check(CLI::Range(0, 65535));
+  addSummary(*run, arguments.run);
   run->footer(std::string(runFooter) + "\n" + exitStatuses);
 }
 

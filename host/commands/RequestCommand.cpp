@@ -12,6 +12,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "host/chain/ChainFile.hpp"
+#include "host/chain/ChainStatistics.hpp"
 #include "host/chain/PluginLibrary.hpp"
 #include "host/chain/Transport.hpp"
 #include "host/commands/Complaint.hpp"
@@ -39,22 +40,18 @@ std::string_view bodyOf(const Message& response) {
   return connectivity::get<connectivity::buffer_t>(response.payload).view();
 }
 
-long long statusOf(const map_t& http) {
-  const data_t* status = http.findText("statusCode");
-  return status != nullptr && status->tag() == QOR_INT64 ? connectivity::get<long long>(*status)
-                                                         : 0;
-}
-
 std::string reasonOf(const map_t& http) {
   const data_t* reason = http.findText("statusReason");
   return reason != nullptr && reason->isString() ? reason->text() : "";
 }
 
 // The response has one of each name, in no order of its own. The version is the transport's.
-std::string headOf(const map_t& http) {
-  std::string head = "HTTP/1.1 " + std::to_string(statusOf(http)) + " " + reasonOf(http) + "\r\n";
+std::string headOf(const Message& response, long long status) {
+  const map_t* http = mapAt(response.metadata, "http");
+  if (http == nullptr) return {};
+  std::string head = "HTTP/1.1 " + std::to_string(status) + " " + reasonOf(*http) + "\r\n";
   std::map<std::string, std::string> sorted;
-  if (const map_t* headers = mapAt(http, "headers")) {
+  if (const map_t* headers = mapAt(*http, "headers")) {
     for (auto header = headers->begin(); !header.atEnd(); ++header) {
       sorted[connectivity::toText(header.key())] = connectivity::toText(header.value());
     }
@@ -76,19 +73,15 @@ class Printer : public ResponseReceiver {
 
   void receive(const Message& response) override {
     _answered = true;
-    const map_t* http = mapAt(response.metadata, "http");
-    if (http == nullptr) return;
-    // The transport's own errors have their content type inside http.
-    const bool isError = response.metadata.findText("contentType") == nullptr;
-    const long long status = statusOf(*http);
-    _success = !isError && status >= 200 && status <= 399;
+    const AnswerStatus status = AnswerReader().statusOf(response);
+    _success = status.isSuccess();
     if (_options.json) {
       print(asJson(response));
-    } else if (!isError) {
-      if (_options.include) print(headOf(*http));
+    } else if (!status.isTransportError) {
+      if (_options.include) print(headOf(response, status.status));
       print(bodyOf(response));
     }
-    if (isError) complain(std::string(bodyOf(response)).c_str());
+    if (status.isTransportError) complain(std::string(bodyOf(response)).c_str());
     if (std::fflush(stdout) != 0) failWriting();
   }
 

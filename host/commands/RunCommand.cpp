@@ -49,7 +49,8 @@ ChainFile readOptions(const RunOptions& options) {
 // The chains at work, from their start to the end of the last.
 class Run {
  public:
-  Run(const ChainFile& file, HostLog& log, Signals& signals) : _log(log), _signals(signals) {
+  Run(const ChainFile& file, const RunOptions& options, HostLog& log, Signals& signals)
+      : _options(options), _log(log), _signals(signals) {
     for (const ChainDefinition& definition : file.chains) {
       _chains.push_back(std::make_unique<Chain>(definition, _status, log));
     }
@@ -77,13 +78,13 @@ class Run {
 
   // Destroys the transports and tells what has been done.
   ExitStatus finish() {
-    const std::vector<ChainCounts> counts = allCounts();
+    const std::vector<ChainSummary> summaries = allSummaries();
     bool failed = false;
     for (const auto& chain : _chains) failed = failed || !chain->failure().empty();
-    const std::vector<std::string> lines = summaries();
     _chains.clear();
-    const ChainCounts sum = sumOf(counts);
-    for (const std::string& line : lines) _log.info(line);
+    tell(summaries);
+    const ChainCounts sum = totalOf(summaries).counts;
+    // The last line, whatever else is told.
     _log.write(HostLog::ownCategory, sum.dropped() > 0 ? QOR_LOG_WARN : QOR_LOG_INFO,
                "Done: " + describe(sum));
     if (failed) return ExitStatus::CouldNotRun;
@@ -106,17 +107,34 @@ class Run {
     return counts;
   }
 
-  std::vector<std::string> summaries() const {
-    std::vector<std::string> lines;
-    if (_chains.size() == 1) return lines;
+  std::vector<ChainSummary> allSummaries() const {
+    std::vector<ChainSummary> summaries;
     for (const auto& chain : _chains) {
-      lines.push_back("Chain " + chain->id() + ": " + describe(chain->counts()));
+      summaries.push_back({chain->id(), chain->name(), chain->counts(), chain->statistics()});
     }
-    return lines;
+    return summaries;
+  }
+
+  void tell(const std::vector<ChainSummary>& summaries) {
+    const bool areSeveral = summaries.size() > 1;
+    if (areSeveral) {
+      for (const ChainSummary& chain : summaries) tellChain("Chain " + chain.id + ": ", chain);
+    }
+    if (_options.summary == SummaryForm::Text) {
+      tellChain(areSeveral ? "All chains: " : "Summary: ", totalOf(summaries));
+    }
+    if (_options.summary == SummaryForm::Json) _log.writeRaw(summaryJson(summaries));
+  }
+
+  // Of several chains, the counts of each are told in any case.
+  void tellChain(const std::string& prefix, const ChainSummary& summary) {
+    std::vector<std::string> lines = summaryLines(summary);
+    if (_options.summary != SummaryForm::Text) lines.resize(1);
+    for (const std::string& line : lines) _log.info(prefix + line);
   }
 
   void watch() {
-    const bool showsProgress = ::isatty(STDERR_FILENO) != 0;
+    const bool showsProgress = _options.showsProgress && ::isatty(STDERR_FILENO) != 0;
     const auto begin = Clock::now();
     std::array<pollfd, 2> waiting{
         {{_signals.descriptor(), POLLIN, 0}, {_allEnded.descriptor(), POLLIN, 0}}};
@@ -140,6 +158,7 @@ class Run {
     }
   }
 
+  const RunOptions& _options;
   HostLog& _log;
   Signals& _signals;
   StatusTable _status;
@@ -158,7 +177,7 @@ ExitStatus run(const RunOptions& options) {
     checkFiles(file);
     Signals signals;
     HostLog log(file.log.level, file.log.levels);
-    Run chains(file, log, signals);
+    Run chains(file, options, log, signals);
     chains.start();
     chains.untilTheEnd();
     return chains.finish();

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "host/commands/ExitStatus.hpp"
+#include "host/commands/Summary.hpp"
 
 namespace host {
 
@@ -15,6 +16,8 @@ struct RunOptions {
   std::optional<std::string> output;  // for a chain file with one chain
   std::optional<int> logLevel;
   std::optional<int> statusPort;
+  bool showsProgress = true;  // on a terminal
+  SummaryForm summary = SummaryForm::Text;
 };
 
 // Returns when every chain has ended. Errors go to standard error.

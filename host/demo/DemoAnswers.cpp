@@ -10,20 +10,7 @@
 namespace host {
 
 using connectivity::data_t;
-using connectivity::map_t;
 using connectivity::Message;
-
-namespace {
-
-int statusOf(const Message& response) {
-  const data_t* http = response.metadata.findText("http");
-  if (http == nullptr || http->tag() != QOR_MAP) return 0;
-  const data_t* status = connectivity::get<map_t>(*http).findText("statusCode");
-  if (status == nullptr || status->tag() != QOR_INT64) return 0;
-  return static_cast<int>(connectivity::get<long long>(*status));
-}
-
-}  // namespace
 
 DemoAnswers::DemoAnswers(std::size_t howMany, std::size_t flushInterval, HostLog& log)
     : _log(log),
@@ -42,7 +29,7 @@ void DemoAnswers::receive(const Message& response) {
 void DemoAnswers::record(std::size_t number, const Message& response) {
   DemoAnswer& answer = _answers.at(number);
   ++answer.count;
-  answer.status = statusOf(response);
+  answer.status = static_cast<int>(_reader.statusOf(response).status);
   if (response.payload.tag() == QOR_BUFFER) {
     answer.body = connectivity::get<connectivity::buffer_t>(response.payload).view();
   }

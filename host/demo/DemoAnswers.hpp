@@ -11,6 +11,7 @@
 
 #include "connectivity/data_t.hpp"
 #include "host/chain/Chain.hpp"
+#include "host/chain/ChainStatistics.hpp"
 #include "host/chain/Transport.hpp"
 #include "host/log/HostLog.hpp"
 #include "orrery/Mutex.hpp"
@@ -52,6 +53,7 @@ class DemoAnswers : public ResponseReceiver {
   HostLog& _log;
   const std::size_t _flushInterval;
   const bool _showsProgress;
+  const AnswerReader _reader;
   const std::chrono::steady_clock::time_point _begin = std::chrono::steady_clock::now();
   mutable orrery::Mutex _mutex{"DemoAnswers"};
   std::vector<DemoAnswer> _answers ORRERY_GUARDED_BY(_mutex);

@@ -91,17 +91,25 @@ class HostLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
     put(clearLine + _progress);
   }
 
+  void writeLine(std::string_view line) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    putLine(std::string(line) + "\n");
+  }
+
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override {
     spdlog::memory_buf_t line;
     formatter_->format(message, line);
-    std::string text(line.data(), line.size());
-    put(_progress.empty() ? text : clearLine + text + _progress);
+    putLine(std::string(line.data(), line.size()));
   }
   void flush_() override {}
 
  private:
   inline static const std::string clearLine = "\r\x1b[K";
+
+  void putLine(const std::string& line) {
+    put(_progress.empty() ? line : clearLine + line + _progress);
+  }
 
   static void put(std::string_view text) {
     while (!text.empty()) {
@@ -142,6 +150,8 @@ void HostLog::write(const std::string& category, int level, std::string_view tex
   const std::string line = escaped(text);
   _sink->log(spdlog::details::log_msg(category, levelFor(level), line));
 }
+
+void HostLog::writeRaw(std::string_view line) { _sink->writeLine(line); }
 
 void HostLog::showProgress(const std::string& text) { _sink->showProgress(text); }
 

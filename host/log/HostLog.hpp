@@ -34,6 +34,9 @@ class HostLog {
   void warn(std::string_view text) { write(ownCategory, QOR_LOG_WARN, text); }
   void info(std::string_view text) { write(ownCategory, QOR_LOG_INFO, text); }
 
+  // Writes a line of another form, whatever the level.
+  void writeRaw(std::string_view line);
+
   // Shows the text below the log, in place of what it showed before; empty: nothing. For terminals.
   void showProgress(const std::string& text);
 

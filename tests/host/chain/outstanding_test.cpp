@@ -1,6 +1,8 @@
 #include "host/chain/Outstanding.hpp"
 
+#include <chrono>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +18,26 @@ TEST(Outstanding, IsNothingOnceTheInputHasEndedAndAllIsRemoved) {
   outstanding.endOfInput();
   outstanding.remove(1);
   waiter.join();
+}
+
+TEST(Outstanding, KnowsWhenARequestWasHandedOver) {
+  Outstanding outstanding;
+  const auto now = Outstanding::TimePoint(std::chrono::seconds(5));
+  const std::vector<std::uint64_t> keys{1, 2};
+  outstanding.add(3, keys, now);
+  EXPECT_EQ(outstanding.answer(2).handedOver, now);
+  EXPECT_FALSE(outstanding.answer(3).handedOver);
+  outstanding.withdraw(1);
+  EXPECT_EQ(outstanding.count(), 2U);
+  EXPECT_FALSE(outstanding.answer(1).handedOver);
+}
+
+TEST(Outstanding, TellsTheLastAnswer) {
+  Outstanding outstanding;
+  outstanding.add(2);
+  EXPECT_FALSE(outstanding.answer(1).isLast);
+  outstanding.remove(1);
+  EXPECT_TRUE(outstanding.answer(1).isLast);
 }
 
 TEST(Outstanding, AbandonEndsEveryWait) {

@@ -31,8 +31,9 @@ TEST(CommandLine, HelpNamesEveryCommandAndExitStatus) {
 TEST(CommandLine, HelpOfRunNamesEveryOption) {
   HostProgram program({"run", "--help"});
   EXPECT_EQ(program.finish(), 0);
-  for (const char* text : {"CHAIN.yaml", "--input FILE", "--output FILE", "--log-level LEVEL",
-                           "--status-port PORT", "flush", "SIGINT"}) {
+  for (const char* text :
+       {"CHAIN.yaml", "--input FILE", "--output FILE", "--log-level LEVEL", "--status-port PORT",
+        "--summary text|json", "--quiet", "flush", "SIGINT"}) {
     EXPECT_THAT(program.output(), HasSubstr(text));
   }
 }
@@ -55,6 +56,8 @@ INSTANTIATE_TEST_SUITE_P(
                     std::vector<std::string>{"run", "a.yaml", "--status-port", "65536"},
                     std::vector<std::string>{"run", "a.yaml", "--status-port", "http"},
                     std::vector<std::string>{"run", "a.yaml", "--unknown"},
+                    std::vector<std::string>{"run", "a.yaml", "--summary", "xml"},
+                    std::vector<std::string>{"run", "a.yaml", "--summary", "json", "--quiet"},
                     std::vector<std::string>{"check", "a.yaml", "--input", "x"}));
 
 }  // namespace

@@ -13,6 +13,7 @@
 namespace host_tests {
 namespace {
 
+using testing::ContainsRegex;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 using testing::Not;
@@ -191,7 +192,7 @@ TEST(Run, LogsInTheFormatOfTheHost) {
   HostProgram program({"run", chain.path()});
   EXPECT_EQ(program.finish(), 0);
   EXPECT_THAT(
-      program.errors(),
+      lastLine(program.errors()) + "\n",
       MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3}Z INFO  "
                    "\\[host\\] Done: sent 0, answered 0, failed 0, dropped 0, "
                    "invalid lines 0\n"));
@@ -270,6 +271,63 @@ TEST(Run, AStatusAddressThatCannotBeUsedEndsWith1) {
   HostProgram program({"run", path});
   EXPECT_EQ(program.finish(), 1);
   EXPECT_THAT(program.errors(), HasSubstr("cannot listen on 192.0.2.1:0"));
+}
+
+TEST(Run, TellsItsSummaryInTheLogBeforeTheLastLine) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(request("1") + request("2") + "{\"payload\":\"four\"}\nx\n");
+  EXPECT_EQ(program.finish(), 3);
+  const std::string errors = program.errors();
+  EXPECT_THAT(errors, HasSubstr("[host] Summary: sent 3, answered 3, failed 1, dropped 0, "
+                                "invalid lines 1\n"));
+  EXPECT_THAT(errors, HasSubstr("[host] Summary: 2xx 2, 3xx 0, 4xx 0, 5xx 0, other 1; "
+                                "without a response 0\n"));
+  EXPECT_THAT(errors, HasSubstr("[host] Summary: bytes: 4 in requests, 4 in responses\n"));
+  EXPECT_THAT(errors, ContainsRegex("Summary: .* answers/s; hand-over to answer: p50 .* ms, "
+                                    "p90 .* ms, p99 .* ms, max .* ms\n"));
+  EXPECT_THAT(lastLine(errors), HasSubstr("Done: sent 3"));
+}
+
+TEST(Run, TellsItsSummaryInOneLineOfJsonWhereAskedWhateverTheLevelOfTheLog) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path(), "--summary", "json", "--log-level", "error"});
+  program.write(request("1") + "{\"control\":\"flush\"}\n");
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(program.errors(),
+              MatchesRegex("\\{\"summary\":\\{\"chains\":\\[\\{\"answered\":1,.*\"id\":\"echo\",.*"
+                           "\\],\"total\":\\{\"answered\":1,.*\\}\\}\\}\n"));
+}
+
+TEST(Run, TheLineOfJsonStandsBeforeTheLastLineOfTheLog) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path(), "--summary", "json"});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(program.errors(), HasSubstr("\"latencyMillis\":null"));
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("Done: sent 0"));
+}
+
+TEST(Run, ToldToBeQuietTellsNoSummary) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path(), "--quiet"});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_EQ(program.errors(), lastLine(program.errors()) + "\n");
+  EXPECT_THAT(program.errors(), HasSubstr("Done: sent 0"));
+}
+
+TEST(Run, TellsEachOfSeveralChainsAndAllTogether) {
+  const test_support::TemporaryDirectory directory;
+  const std::string input = directory.write("in", request("1") + request("2"));
+  const std::string streams = "    input: " + input + "\n    output: /dev/null\n";
+  const std::string path = directory.write(
+      "c.yaml", "chains:\n" + echoChain("first", streams) + echoChain("second", streams));
+  HostProgram program({"run", path});
+  EXPECT_EQ(program.finish(), 0);
+  for (const char* text :
+       {"Chain first: 2xx 2", "Chain second: 2xx 2", "All chains: sent 4", "All chains: 2xx 4"}) {
+    EXPECT_THAT(program.errors(), HasSubstr(text));
+  }
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("Done: sent 4, answered 4"));
 }
 
 // A terminal: what a program writes to the end that it is given can be read from this one.

@@ -11,7 +11,8 @@ namespace fs = std::filesystem;
 Sandbox::Sandbox() : _before(fs::current_path()) {
   fs::create_directory(_directory.file("build"));
   fs::create_symlink(BUILD_FOLDER, _directory.file("build/release"));
-  for (const char* name : {"README.md", "docs", "connectivity", "orrery", "host", "scripts"}) {
+  for (const char* name :
+       {"README.md", "docs", "connectivity", "orrery", "host", "scripts", "examples"}) {
     fs::create_symlink(projectFile(name), _directory.file(name));
   }
   fs::current_path(_directory.path());

@@ -81,6 +81,11 @@ bool holds(const data_t& value, const data_t& expected) {
     }
     return true;
   }
+  if (expected.tag() == QOR_LIST && value.tag() == QOR_LIST) {
+    const auto& list = get<connectivity::list_t>(value);
+    const auto& wanted = get<connectivity::list_t>(expected);
+    return std::equal(list.begin(), list.end(), wanted.begin(), wanted.end(), holds);
+  }
   if (expected.isString() && value.isString()) return matches(value.text(), expected.text());
   return host::toJson(value) == host::toJson(expected);
 }

@@ -128,6 +128,45 @@ TEST(Value, FreesEachBlockWithTheFunctionOfItsKind) {
   EXPECT_EQ(freed, 1);
 }
 
+// A value, and what it held when the object below it was freed.
+struct Watched {
+  const data_t* value = nullptr;
+  std::uint64_t bitsSeen = 1;
+
+  static void look(void* object) {
+    auto& self = *static_cast<Watched*>(object);
+    self.bitsSeen = self.value->raw().value.bits;
+  }
+};
+
+constexpr qor_custom_operations_t watchedOperations = {nullptr, &Watched::look, nullptr};
+
+data_t watchedBy(Watched& object) {
+  return data_t(custom_t(qor_allocate_custom(&object, &watchedOperations)));
+}
+
+void letGoOf(data_t&& given, Watched& object) {
+  const data_t value(std::move(given));
+  object.value = &value;
+  EXPECT_NE(value.raw().value.bits, 0U);
+}
+
+TEST(Value, IsEmptyWhileItsBlockIsFreed) {
+  Watched custom;
+  letGoOf(watchedBy(custom), custom);
+  EXPECT_EQ(custom.bitsSeen, 0U);
+  Watched inList;
+  list_t list;
+  list.push_back(watchedBy(inList));
+  letGoOf(data_t(std::move(list)), inList);
+  EXPECT_EQ(inList.bitsSeen, 0U);
+  Watched inMap;
+  map_t map;
+  map.insert(data_t("key"), watchedBy(inMap));
+  letGoOf(data_t(std::move(map)), inMap);
+  EXPECT_EQ(inMap.bitsSeen, 0U);
+}
+
 TEST(Value, FreesNothingWhereItOwnsNoBlock) {
   HostCalls calls;
   {

@@ -11,11 +11,13 @@
 
 #include "connectivity/data_t.hpp"
 #include "tests/connectivity/HostCalls.hpp"
+#include "tests/connectivity/IteratorChecks.hpp"
 
 namespace connectivity {
 namespace {
 
 using connectivity_test::HostCalls;
+using connectivity_test::IteratorChecksOn;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
@@ -475,6 +477,15 @@ TEST(MapCopy, FailsWhereTheHostRefusesATable) {
   EXPECT_EQ(failureOf([&] { map.copy(); }), "Failed to allocate a map of 8 slots");
 }
 
+TEST(MapCopy, NoticesAMapThatChangesMeanwhile) {
+  const IteratorChecksOn on;
+  map_t map;
+  map.insert(data_t("key"), data_t(1));
+  HostCalls calls;
+  calls.onHash = [&map] { map.insert(data_t(1), data_t(1)); };
+  EXPECT_EQ(failureOf([&] { map.copy(); }), "Iterator invalidated by modifying map");
+}
+
 // --- Equality ------------------------------------------------------------------------------------
 
 TEST(MapEquality, NeedsTheSameEntries) {
@@ -499,6 +510,16 @@ TEST(MapEquality, NeedsTheSameHeaderText) {
   qor_free_string(right.table()->header_string);
   right.table()->header_string = qor_copy_string("header");
   EXPECT_TRUE(left == right);
+}
+
+TEST(MapEquality, NoticesAMapThatChangesMeanwhile) {
+  const IteratorChecksOn on;
+  map_t left;
+  left.insert(data_t("key"), data_t(1));
+  const map_t right = left.copy();
+  HostCalls calls;
+  calls.onHash = [&left] { left.insert(data_t(1), data_t(1)); };
+  EXPECT_EQ(failureOf([&] { return left == right; }), "Iterator invalidated by modifying map");
 }
 
 TEST(MapEquality, AMapThatHoldsANanValueDiffersFromItself) {

@@ -437,6 +437,16 @@ TEST(AffinityQueue, LetsAWaitingProducerGoOnAtTermination) {
   EXPECT_EQ(queue.size(), Queue::capacity + 1);
 }
 
+TEST(AffinityQueue, MakesNoProducerWaitAfterTermination) {
+  const StubLogger logger;
+  Queue queue(1, logger);
+  pushMany(queue, capacity);
+  queue.terminate();
+  push(queue, 1);
+  EXPECT_EQ(queue.size(), Queue::capacity + 1);
+  EXPECT_EQ(logger.lineCount(), 0U);
+}
+
 TEST(AffinityQueue, CallsBackWhenAnElementIsTaken) {
   const StubLogger logger;
   Queue queue(1, logger);

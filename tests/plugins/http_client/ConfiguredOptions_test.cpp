@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -196,6 +197,44 @@ TEST(ConfiguredOptions, RefuseALimitBelowMinusOne) {
   EXPECT_EQ(errorOf(withHost().set("maxResponseKB", -2)),
             "HTTPClient configuration maxResponseKB \"-2\" is not in the range at least -1");
   EXPECT_EQ(parse(withHost().set("maxResponseKB", -1)).maxResponseKB, -1);
+}
+
+// Every option is wrong; once the one that is reported is put right, the next one is.
+TEST(ConfiguredOptions, AreReadInTheirOrder) {
+  const std::vector<std::string> inOrder = {"host",
+                                            "port",
+                                            "timeoutSecs",
+                                            "tls",
+                                            "tlsCertificateAuthorityFile",
+                                            "tlsAcceptUnrecognizedCertificates",
+                                            "authentication/authenticationType",
+                                            "authentication/username",
+                                            "authentication/password",
+                                            "basePath",
+                                            "proxy/host",
+                                            "proxy/port",
+                                            "proxy/authentication/authenticationType",
+                                            "proxy/authentication/username",
+                                            "proxy/authentication/password",
+                                            "followRedirects",
+                                            "cookieJar",
+                                            "numClients",
+                                            "maxResponseKB",
+                                            "maxResponsePolicy"};
+  for (std::size_t right = 0; right < inOrder.size(); ++right) {
+    Config config;
+    if (right > 0) config.host("server");
+    for (std::size_t i = right; i < inOrder.size(); ++i) config.set(inOrder[i], data_t(list_t()));
+    const std::string expected = "HTTPClient configuration " + inOrder[right] + " must be ";
+    EXPECT_EQ(errorOf(config).substr(0, expected.size()), expected);
+  }
+}
+
+TEST(ConfiguredOptions, AreCheckedTogetherOnlyWhereNoneIsUnknown) {
+  EXPECT_EQ(errorOf(withHost().timeoutSecs(0).set("proxy/host", "proxy").set("hots", "x")),
+            "Unknown configuration element hots");
+  EXPECT_EQ(errorOf(withHost().timeoutSecs(0).set("proxy/host", "proxy")),
+            "HTTPClient configuration proxy/port must be between 1 and 65535");
 }
 
 TEST(ConfiguredOptions, NeverShowAPasswordInAnError) {

@@ -114,7 +114,9 @@ TEST(Dispatch, TakesAKeyOfAnyKindThatCanBeHashed) {
   plugin.send(get(2).set("concurrencyControlKey", data_t(map_t())));
   plugin.send(get(3).set("concurrencyControlKey", data_t::borrow("lent")));
   plugin.waitForAnswers(3);
-  EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlKey set: 5"));
+  const auto line = plugin.log().find("HTTPClient - concurrencyControlKey set: 5");
+  ASSERT_TRUE(line.has_value());
+  EXPECT_EQ(line->level, QOR_LOG_DEBUG);
   EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlKey set: {}"));
   EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlKey set: lent"));
   EXPECT_FALSE(plugin.log().contains("No concurrencyControlKey"));
@@ -227,7 +229,9 @@ TEST(Dispatch, FinishesWhatIsQueuedBeforeAMessageThatAsksForIt) {
   server.release();
   EXPECT_EQ(plugin.waitForAnswers(3).front().id(), 1);
   EXPECT_EQ(plugin.statusItem(".serializedRequests"), "1");
-  EXPECT_TRUE(plugin.log().contains("HTTPClient - concurrencyControlFlush set: true"));
+  const auto line = plugin.log().find("HTTPClient - concurrencyControlFlush set: true");
+  ASSERT_TRUE(line.has_value());
+  EXPECT_EQ(line->level, QOR_LOG_DEBUG);
 }
 
 TEST(Dispatch, FlushesForEveryFlagButThoseThatSayNo) {
@@ -273,6 +277,33 @@ TEST(Dispatch, HonoursAFlushMessageWithOneWorkerAndDoesNotAnswerIt) {
   released->wait();
   EXPECT_EQ(plugin.shutdown(), 0);
   EXPECT_EQ(plugin.answerCount(), 1U);
+}
+
+TEST(Dispatch, TakesNothingOfAFlushMessageButItsObject) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  auto released = std::make_shared<Event>("the flush object to be freed");
+  std::vector<Message> batch;
+  batch.push_back(flushMessage(released));
+  EXPECT_EQ(plugin.send(std::span(batch)), 0);
+  released->wait();
+  const map_t& left = batch[0].metadata;
+  EXPECT_EQ(left.size(), 2U);
+  ASSERT_NE(left.findText("qor.controlObject"), nullptr);
+  EXPECT_TRUE(left.findText("qor.controlObject")->empty());
+}
+
+TEST(Dispatch, TakesAMessageOfAnotherControlTypeForARequest) {
+  EchoServer server;
+  PluginUnderTest plugin{Config(server.port()).numClients(2)};
+  const auto sendWith = [&](data_t&& type) {
+    return plugin.request(get(1).set(Keys{"qor.control.type"}, std::move(type))).status();
+  };
+  EXPECT_EQ(sendWith(textValue("queueflush")), 200);
+  EXPECT_EQ(sendWith(textValue("QueueFlushAll")), 200);
+  EXPECT_EQ(sendWith(textValue("")), 200);
+  EXPECT_EQ(sendWith(data_t(1LL)), 200);
+  EXPECT_EQ(sendWith(data_t()), 200);
 }
 
 // Were a barrier placed lane by lane, two of them could stand in opposite orders on two lanes, and
@@ -433,6 +464,61 @@ TEST(Dispatch, AnswersOnceThoughTheHostsFunctionThrows) {
   plugin.log().waitForLine("Exception from sendResponse: boom", 2);
   EXPECT_EQ(plugin.shutdown(), 0);
   EXPECT_EQ(calls, 2);
+}
+
+// A host written in C++ whose status function throws what is no exception, when the transport goes
+// online for the second time.
+struct ThrowingStatus {
+  std::atomic<int> timesOnline{0};
+  qor_status_services_t services{this, &create, &set, &remove};
+
+  static void* create(void* context, const char* key, const char*) {
+    return std::string_view(key).ends_with(".status") ? context : &otherItem;
+  }
+  static void set(void* context, void* item, const char* text) {
+    if (item != context || text != std::string_view("ONLINE")) return;
+    if (++static_cast<ThrowingStatus*>(context)->timesOnline == 2) throw 42;
+  }
+  static void remove(void*, void*) {}
+  static inline int otherItem = 0;
+};
+
+TEST(Dispatch, AnswersARequestThatFailsWithWhatIsNoException) {
+  ScriptedServer server({[](Connection& connection) {
+                           connection.readRequest();
+                           connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort");
+                         },
+                         [](Connection& connection) {
+                           while (connection.readRequest()) connection.sendResponse(200);
+                         }});
+  LogDouble log;
+  HostDouble host;
+  ThrowingStatus status;
+  std::vector<Answer> answers;  // read once the worker has been joined
+  const auto keep = [](void* handle, qor_message_t* start, qor_message_t*) {
+    static_cast<std::vector<Answer>*>(handle)->emplace_back(
+        std::move(reinterpret_cast<Message&>(*start)));
+    return 0;
+  };
+  const PluginLibrary library;
+  const data_t config{Config(server.port()).map()};
+  void* const plugin =
+      library.create("name", "chain", config.raw(), &status.services, host.handle());
+  ASSERT_NE(plugin, nullptr);
+  library.setNextTowardsHost(plugin, &answers, keep);
+  ASSERT_EQ(library.start(plugin), 0);
+  for (const auto id : upTo(3)) {
+    Message message = get(id).message();
+    auto* const raw = reinterpret_cast<qor_message_t*>(&message);
+    EXPECT_EQ(library.sendBatchTowardsTransport(plugin, raw, raw + 1), 0);
+  }
+  EXPECT_EQ(library.shutdown(plugin), 0);
+  library.destroy(plugin);
+  ASSERT_EQ(idsOf(answers), upTo(3));
+  EXPECT_EQ(answers[0].reason(), "Error processing response stream: I/O error");
+  EXPECT_EQ(answers[1].status(), 400);
+  EXPECT_EQ(answers[1].reason(), "Unknown exception");
+  EXPECT_EQ(answers[2].status(), 200);
 }
 
 TEST(Dispatch, BlocksSigpipeOnItsWorkers) {

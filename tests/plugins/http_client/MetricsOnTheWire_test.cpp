@@ -149,6 +149,18 @@ TEST_F(MetricsOfFourWorkers, AgreeWithWhatTheHostSaw) {
   EXPECT_EQ(item("errorsTowardsHost"), "50");
 }
 
+// What an answer tells of the exchange is shown before it; that it was handed over, afterwards.
+TEST_F(MetricsOnTheWire, ShowASampleBeforeTheHandOverAndTheCountAfterIt) {
+  Texts inside;
+  plugin().onDelivery([&](const Answer&) {
+    inside = {item("responseSizeMaxInLastHourBytes"), item("responsesTowardsHost")};
+  });
+  ask(Request("GET", "/status/200"));
+  settle();
+  EXPECT_EQ(inside, (Texts{"5", "0"}));
+  EXPECT_EQ(item("responsesTowardsHost"), "1");
+}
+
 TEST_F(MetricsOnTheWire, CountAnAnswerThatTheHostRefused) {
   plugin().setDeliveryResult(1);
   ask(Request("GET", "/status/200"));
@@ -248,6 +260,7 @@ TEST_F(MetricsOnTheWire, CountRefusedRequestsAsErrors) {
 class LatencyOnTheWire : public ::testing::Test {
  protected:
   Answer ask(const char* path) { return _plugin.request(Request("GET", path)); }
+  void onDelivery(PluginUnderTest::DeliveryHook hook) { _plugin.onDelivery(std::move(hook)); }
   Texts history(const std::string& name) {
     return _plugin.status().history("plugin.chain." + name);
   }
@@ -274,6 +287,13 @@ TEST_F(LatencyOnTheWire, IsAveragedOverSuccessesAndErrorsAlike) {
   EXPECT_EQ(ask("/2/missing").status(), 404);
   EXPECT_EQ(history("requestLatencyEWMAShortMillis"), (Texts{"0", "1000", "1500"}));
   EXPECT_EQ(history("requestLatencyEWMALongMillis"), (Texts{"0", "1000", "1100"}));
+}
+
+TEST_F(LatencyOnTheWire, IsShownBeforeTheHandOver) {
+  Texts inside;
+  onDelivery([&](const Answer&) { inside = history("requestLatencyEWMAShortMillis"); });
+  ask("/1");
+  EXPECT_EQ(inside, (Texts{"0", "1000"}));
 }
 
 TEST_F(LatencyOnTheWire, CountsRefusalsToo) {

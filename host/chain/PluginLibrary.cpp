@@ -14,21 +14,25 @@ std::string asFile(const std::string& path) {
   return path.find('/') == std::string::npos ? "./" + path : path;
 }
 
-// The file in ../lib beside the running program.
-std::string besideProgram(const std::string& name) {
+// The file in a folder that is given in relation to the running program's own.
+std::string besideProgram(const char* folder, const std::string& name) {
   std::error_code error;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
-  return (program.parent_path().parent_path() / "lib" / name).string();
+  return (program.parent_path() / folder / name).lexically_normal().string();
 }
 
 std::vector<std::string> candidates(const std::string& transport,
                                     const std::optional<std::string>& file) {
   if (file) return {asFile(*file)};
   const std::string name = "lib" + transport + ".so";
-  const std::string beside = besideProgram(name);
-  // One that stands there but does not load is an error, not a reason to take another.
-  if (std::filesystem::exists(beside)) return {beside};
-  return {beside, name};
+  std::vector<std::string> all;
+  for (const char* folder : {"../lib", ORRERY_PLUGIN_DIR}) {
+    all.push_back(besideProgram(folder, name));
+    // One that stands there but does not load is an error, not a reason to take another.
+    if (std::filesystem::exists(all.back())) return {all.back()};
+  }
+  all.push_back(name);
+  return all;
 }
 
 std::string lastLoaderError() {

@@ -12,6 +12,7 @@
 #include "host/commands/RequestArguments.hpp"
 #include "host/commands/RequestCommand.hpp"
 #include "host/commands/RunCommand.hpp"
+#include "host/commands/Version.hpp"
 #include "host/demo/DemoCommand.hpp"
 
 namespace host {
@@ -98,7 +99,7 @@ int runCommandLine(int argc, const char* const* argv) {
   addCheck(app, arguments);
   addRequestCommand(app, arguments.request);
   app.add_subcommand("demo", "Show the transport at work against a server of the program's own");
-  app.set_version_flag("--version", std::string("orrery-host ") + ORRERY_VERSION);
+  app.set_version_flag("--version", std::string("orrery-host ") + versionText());
   app.set_help_all_flag("--help-all", "Print the help of every command and exit");
   app.require_subcommand(1);
   app.footer(exitStatuses);

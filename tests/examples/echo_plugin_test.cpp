@@ -43,8 +43,8 @@ class EchoFolder {
 };
 
 std::string answer(const std::string& requestId, const std::string& payload) {
-  return R"({"metadata":{"http":{"statusCode":200},"requestId":)" + requestId +
-         R"(},"payload":)" + payload + "}\n";
+  return R"({"metadata":{"http":{"statusCode":200},"requestId":)" + requestId + R"(},"payload":)" +
+         payload + "}\n";
 }
 
 TEST(EchoPlugin, IsAcceptedByTheHost) {
@@ -61,7 +61,8 @@ TEST(EchoPlugin, AnswersTheExampleRequestsAsItsReadmeSays) {
   host.closeInput();
   EXPECT_EQ(host.wait(), 0);
   EXPECT_EQ(host.output(), answer("1", R"("hello")") + answer(R"("mine")", R"("again")") +
-                               R"({"control":"flushed","id":"all before this is answered"})" "\n");
+                               R"({"control":"flushed","id":"all before this is answered"})"
+                               "\n");
   EXPECT_THAT(test_support::readFile(EXAMPLES "/echo_plugin/README.md"), HasSubstr(host.output()));
   EXPECT_THAT(host.errors(), HasSubstr("[connectivity.echo.example] Echo has started"));
   EXPECT_THAT(host.errors(), HasSubstr("Done: sent 2, answered 2, failed 0, dropped 0"));
@@ -69,8 +70,9 @@ TEST(EchoPlugin, AnswersTheExampleRequestsAsItsReadmeSays) {
 
 TEST(EchoPlugin, GivesBackEveryKindOfPayload) {
   const EchoFolder folder;
-  const std::vector<std::string> payloads{R"("text")", "null", "7", R"([1,"a"])", R"({"k":1.5})",
-                                          R"({"$binary":{"base64":"AP8=","subType":"00"}})"};
+  const std::vector<std::string> payloads{
+      R"("text")",  "null",         "7",
+      R"([1,"a"])", R"({"k":1.5})", R"({"$binary":{"base64":"AP8=","subType":"00"}})"};
   ChildProcess host(folder.command({"run", "chain.yaml"}));
   std::string expected;
   for (std::size_t i = 0; i < payloads.size(); ++i) {

@@ -10,12 +10,13 @@ namespace host_tests {
 namespace {
 
 using testing::HasSubstr;
-using testing::StartsWith;
+using testing::MatchesRegex;
 
-TEST(CommandLine, VersionGoesToStandardOutput) {
+TEST(CommandLine, VersionAndCommitGoToStandardOutput) {
   HostProgram program({"--version"});
   EXPECT_EQ(program.finish(), 0);
-  EXPECT_THAT(program.output(), StartsWith("orrery-host "));
+  EXPECT_THAT(program.output(),
+              MatchesRegex("orrery-host [0-9]+\\.[0-9]+\\.[0-9]+( \\([0-9a-f]+(-dirty)?\\))?\n"));
   EXPECT_EQ(program.errors(), "");
 }
 

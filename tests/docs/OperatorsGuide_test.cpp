@@ -1,0 +1,226 @@
+// docs/operators-guide.md: the lines of the log, the texts of refused certificates, the arithmetic
+// and the measured numbers.
+#include <algorithm>
+#include <cmath>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/docs/Markdown.hpp"
+#include "tests/docs/Values.hpp"
+#include "tests/support/Certificates.hpp"
+#include "tests/support/PluginUnderTest.hpp"
+#include "tests/support/ScriptedServer.hpp"
+
+namespace docs_tests {
+namespace {
+
+using test_support::CertificateAuthority;
+using test_support::CertificateFiles;
+using test_support::Config;
+using test_support::PluginUnderTest;
+using test_support::Request;
+using test_support::ScriptedServer;
+
+const Page& page() {
+  static const Page guide = readPage("docs/operators-guide.md");
+  return guide;
+}
+
+// --- The lines of the log ------------------------------------------------------------------------
+
+const std::string gap = "…";
+
+// A format as the guide writes it: its conversions as gaps.
+std::string withGaps(const std::string& format) {
+  static const std::regex conversion("%[0-9.]*(?:ll|l)?[a-z]");
+  return std::regex_replace(format, conversion, gap);
+}
+
+bool saysSomething(const std::string& text) {
+  return std::ranges::any_of(text, [](unsigned char c) { return std::isalpha(c) != 0; });
+}
+
+std::vector<std::string> formatsBelow(const std::vector<std::string>& folders) {
+  std::vector<std::string> formats;
+  for (const std::string& literal : literalsBelow(folders)) {
+    std::string format = withGaps(literal);
+    if (saysSomething(format)) formats.push_back(std::move(format));
+  }
+  return formats;
+}
+
+// What stands between the gaps, without punctuation around it.
+std::vector<std::string> piecesOf(const std::string& line) {
+  constexpr const char* punctuation = " :,()";
+  std::vector<std::string> pieces;
+  for (std::size_t from = 0; from < line.size();) {
+    const auto at = std::min(line.find(gap, from), line.size());
+    const std::string piece = line.substr(from, at - from);
+    const auto first = piece.find_first_not_of(punctuation);
+    if (first != std::string::npos) {
+      pieces.push_back(piece.substr(first, piece.find_last_not_of(punctuation) + 1 - first));
+    }
+    from = at + gap.size();
+  }
+  return pieces;
+}
+
+// Whether the line is made by one of these formats, or is put together from parts of them.
+bool isIn(const std::vector<std::string>& formats, const std::string& line) {
+  if (std::ranges::any_of(formats, [&](const auto& format) { return matches(line, format); })) {
+    return true;
+  }
+  return std::ranges::all_of(piecesOf(line), [&](const std::string& piece) {
+    return std::ranges::any_of(formats, [&](const std::string& format) {
+      return format.find(piece) != std::string::npos;
+    });
+  });
+}
+
+TEST(LogLineTable, HasOnlyLinesThatTheTransportWrites) {
+  const auto formats = formatsBelow({"plugins/http_client", "connectivity"});
+  for (const Row& row : page().table("What the log says", 0).rows) {
+    EXPECT_TRUE(isIn(formats, row.name)) << row.place << ": no such text in the sources";
+  }
+}
+
+TEST(LogLineTable, HasOnlyLinesThatTheProgramWrites) {
+  const auto formats = formatsBelow({"host"});
+  for (const Row& row : page().table("What the log says", 1).rows) {
+    EXPECT_TRUE(isIn(formats, row.name)) << row.place << ": no such text in the sources";
+  }
+}
+
+struct LoggedText {
+  std::string level;
+  std::string text;
+};
+
+// The texts of calls that log at a fixed level.
+std::vector<LoggedText> loggedTexts(const std::string& folder) {
+  static const std::regex call(
+      R"re((?:Level::(Error|Warn|Info|Debug)[^"; ]* *|\.(error|warn|info|debug)\(\s*)(?:[^";(){}]*)((?:"(?:[^"\\]|\\.)*"\s*)+))re");
+  std::vector<LoggedText> found;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(projectFile(folder))) {
+    const std::string source = test_support::readFile(entry.path().string());
+    for (auto it = std::sregex_iterator(source.begin(), source.end(), call);
+         it != std::sregex_iterator(); ++it) {
+      std::string level = (*it)[1].matched ? (*it)[1].str() : (*it)[2].str();
+      level.front() = static_cast<char>(std::tolower(static_cast<unsigned char>(level.front())));
+      const std::string joined = std::regex_replace((*it)[3].str(), std::regex("\"\\s*\""), "");
+      const auto end = joined.rfind('"');
+      found.push_back({level, withGaps(joined.substr(1, end - 1))});
+    }
+  }
+  return found;
+}
+
+// Every warning and error of the transport has its row, and every row its level.
+TEST(LogLineTable, HasEveryWarningOfTheTransport) {
+  const auto& rows = page().table("What the log says", 0).rows;
+  std::size_t checked = 0;
+  for (const LoggedText& logged : loggedTexts("plugins/http_client")) {
+    // Single words are the names of entry points, for "Exception from …".
+    if (!saysSomething(logged.text) || logged.text.find(' ') == std::string::npos) continue;
+    const auto row = std::ranges::find(rows, logged.text, &Row::name);
+    if (row != rows.end()) {
+      EXPECT_NE(row->text("level").find(logged.level), std::string::npos)
+          << row->place << ": the level is " << logged.level;
+      ++checked;
+    } else if (logged.level == "warn" || logged.level == "error") {
+      ADD_FAILURE() << page().name << ": no row for the " << logged.level << ": " << logged.text;
+    }
+  }
+  EXPECT_GE(checked, 15U) << "the sources are not read as they should be";
+}
+
+TEST(LogLineTable, SaysWhatToDoAboutEachLine) {
+  for (const std::size_t table : {0U, 1U}) {
+    std::set<std::string> lines;
+    for (const Row& row : page().table("What the log says", table).rows) {
+      EXPECT_TRUE(lines.insert(row.name).second) << row.place << ": twice";
+      EXPECT_FALSE(row.text("meaning").empty()) << row.place;
+      EXPECT_FALSE(row.text("what to do").empty()) << row.place;
+    }
+  }
+}
+
+// --- TLS -----------------------------------------------------------------------------------------
+
+struct Refusal {
+  std::function<CertificateFiles(CertificateAuthority&)> issue;
+  bool trustsAuthority;
+  std::string host;
+};
+
+const std::map<std::string, Refusal>& refusals() {
+  static const std::map<std::string, Refusal> all{
+      {"hostname mismatch",
+       {[](CertificateAuthority& a) { return a.issueForOtherName(); }, true, "localhost"}},
+      {"IP address mismatch",
+       {[](CertificateAuthority& a) { return a.issueForOtherName(); }, true, "127.0.0.1"}},
+      {"certificate has expired",
+       {[](CertificateAuthority& a) { return a.issueExpired(); }, true, "localhost"}},
+      {"self-signed certificate",
+       {[](CertificateAuthority& a) { return a.issueSelfSigned(); }, true, "localhost"}},
+      {"unable to get local issuer certificate",
+       {[](CertificateAuthority& a) { return a.issue(); }, false, "localhost"}},
+  };
+  return all;
+}
+
+TEST(CertificateTexts, AreWhatRefusedCertificatesSay) {
+  for (const Row& row : page().table("TLS").rows) {
+    SCOPED_TRACE(row.place);
+    ASSERT_TRUE(refusals().contains(row.name)) << "this test does not know how to make it";
+    const Refusal& refusal = refusals().at(row.name);
+    CertificateAuthority authority;
+    ScriptedServer server(test_support::TlsOptions{refusal.issue(authority)});
+    Config config(server.port());
+    config.host(refusal.host).set("tls", true);
+    if (refusal.trustsAuthority) config.set("tlsCertificateAuthorityFile", authority.caFile());
+    PluginUnderTest plugin(config);
+    EXPECT_EQ(plugin.request(Request("GET", "/x")).reason(),
+              "SSL Exception: certificate verify failed: " + row.name);
+  }
+}
+
+// --- Numbers -------------------------------------------------------------------------------------
+
+TEST(SizingTable, FollowsLittlesLaw) {
+  for (const Row& row : page().table("How many workers").rows) {
+    const double rate = std::stod(row.text("requests each second"));
+    const double seconds = std::stod(row.text("latency")) / 1000;
+    EXPECT_EQ(std::stol(row.text("busy workers")), std::lround(rate * seconds)) << row.place;
+  }
+}
+
+TEST(MeasuredNumbers, StandInTheBenchmarks) {
+  const std::string guide = test_support::readFile(projectFile(page().name));
+  const std::string benchmarks = test_support::readFile(projectFile("benchmarks/README.md"));
+  const std::regex sentence("one worker ([0-9,]+) requests a second, four workers ([0-9,]+)");
+  std::smatch match;
+  ASSERT_TRUE(std::regex_search(guide, match, sentence));
+  for (const std::string& number : {match[1].str(), match[2].str()}) {
+    EXPECT_NE(benchmarks.find(number), std::string::npos) << page().name << ": " << number;
+  }
+}
+
+TEST(Alarms, NameItemsThatExist) {
+  const Page items = readPage("docs/status-items.md");
+  std::set<std::string> known;
+  for (const Row& row : items.table("Status items").rows) known.insert(row.name);
+  for (const Row& row : page().table("What to watch").rows) {
+    EXPECT_TRUE(known.contains(row.codes("item").at(0))) << row.place;
+  }
+}
+
+}  // namespace
+}  // namespace docs_tests

@@ -61,7 +61,7 @@ std::string convertBetweenCharsets(const std::string& text, const std::string& f
                          static_cast<std::int32_t>(capacity), text.c_str(), -1, &status);
   // A result that fills the buffer has no room for its NUL: only a warning for ICU.
   if (length < 0 || U_FAILURE(status) || status == U_STRING_NOT_TERMINATED_WARNING) {
-    throw std::runtime_error("Could not convert argument from " + from + ", to " + to);
+    throw std::runtime_error("Could not convert argument from " + from + " to " + to);
   }
   return {buffer.get(), static_cast<std::size_t>(length)};
 }

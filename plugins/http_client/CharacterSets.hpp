@@ -11,7 +11,7 @@ namespace connectivity::plugins {
 
 // `text`, converted from one character set to another, both by their ICU names. `capacity` bounds
 // the result, in bytes with a final NUL; what does not fit, and an unknown character set, is a
-// std::runtime_error "Could not convert argument from <from>, to <to>". A character that `to` lacks
+// std::runtime_error "Could not convert argument from <from> to <to>". A character that `to` lacks
 // becomes the control character 0x1A. Out of memory: std::runtime_error "Failed to allocate
 // memory".
 std::string convertBetweenCharsets(const std::string& text, const std::string& from,

@@ -46,7 +46,6 @@ class HTTPClient::ClientSessionThread final : public orrery::Thread {
   ClientSessionThread(HTTPClient& transport, unsigned workerNumber);
   ~ClientSessionThread() override;
 
-  unsigned workerIndex() const noexcept { return index; }
   // The queue in which the host wants this worker's requests counted; null until the first batch.
   std::atomic<orrery::SchedulableQueue*> schedulableQueue{nullptr};
 
@@ -59,6 +58,16 @@ class HTTPClient::ClientSessionThread final : public orrery::Thread {
   template <typename... Arguments>
   void transportLog(Level level, const char* format, Arguments... arguments) const {
     owner.getLogger().logForWorker(index, level, format, arguments...);
+  }
+
+  // Sets status items. No answer depends on them: what the host's status functions throw is logged.
+  template <typename Update>
+  void updateStatus(Update&& update) const noexcept {
+    try {
+      update(owner.metrics);
+    } catch (...) {
+      handleException(owner.getLogger(), Level::Error, "updateStatus");
+    }
   }
 
   bool serveNext() noexcept;

@@ -81,6 +81,7 @@ void HTTPClient::ClientSessionThread::ContentEncoding::generateRequest(
     if (isGiven(req.payload)) {
       _owner.transportLog(Level::Warn, "Ignoring specified payload for %s request method",
                           req.methodText().c_str());
+      req.payload = data_t(buffer_t());
     }
     sendWithoutBody(req, httpRequest);
   } else if (req.payload.tag() == QOR_BUFFER) {
@@ -110,9 +111,11 @@ void HTTPClient::ClientSessionThread::ContentEncoding::htmlFormEncoding(
     request& req, Poco::Net::HTTPRequest& httpRequest) {
   const auto& payload = get<map_t>(req.payload);
   const std::string encoding = formEncoding(payload, req.form, req.headers);
-  const std::vector<FormField> fields = readFormFields(
-      payload, req.form,
-      [this](const std::string& text) { _owner.transportLog(Level::Warn, "%s", text.c_str()); });
+  const auto report = [&](const std::string& text) {
+    if (!req.formReported) _owner.transportLog(Level::Warn, "%s", text.c_str());
+  };
+  const std::vector<FormField> fields = readFormFields(payload, req.form, report);
+  req.formReported = true;
   if (req.methodText() == "GET") {
     sendFormInQuery(req, httpRequest, fields);
   } else if (encoding == HTMLForm::ENCODING_MULTIPART) {

@@ -25,7 +25,7 @@ class HTTPClient::ClientSessionThread::ContentEncoding {
 
   // Completes the header of `httpRequest` (createRequest), sends it on the worker's session, and
   // writes the body. The response can then be received. May be called again for the same request
-  // with a fresh `httpRequest`: nothing of the payload is used up.
+  // with a fresh `httpRequest`: nothing that is sent is used up, and no line is logged twice.
   //
   // A payload that is a map is a form where its content type is one of the two form types, or where
   // there is form metadata and no content type: then it is multipart if it holds a buffer, else

@@ -40,7 +40,8 @@ void HTTPClient::ClientSessionThread::handleRequest(request&& req) noexcept {
     handleHTTPException(nullptr, unknownException, req, Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
   }
   returnToConfiguredServer();
-  if (!refused) owner.metrics.updateRequestMetrics(req.bodySize);
+  if (refused) return;
+  updateStatus([&](Metrics& metrics) { metrics.updateRequestMetrics(req.bodySize); });
 }
 
 // The whole way of a request that was read without fault. Throws until the answer is handed over.

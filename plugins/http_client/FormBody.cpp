@@ -37,14 +37,22 @@ class FormMetadata {
     }
   }
 
+  // What stands under a field's name is of the right kind, also where nothing asks for it.
+  void check(const char* field) const {
+    const map_t* own = ownOf(field);
+    if (own == nullptr) return;
+    for (const char* key : metadataKeys) {
+      const data_t* value = given(*own, key);
+      if (value != nullptr) textOf(*value, std::string(field) + "." + key);
+    }
+  }
+
+  // REQUIRES: check(field).
   std::optional<std::string_view> find(const char* field, const char* key) const {
     if (_map == nullptr) return std::nullopt;
-    if (const data_t* own = given(*_map, field); own != nullptr && !isMetadataKey(field, *own)) {
-      if (own->tag() != QOR_MAP) {
-        throw RefusedRequest("http.form." + std::string(field) + " must be a map");
-      }
-      const data_t* value = given(get<map_t>(*own), key);
-      if (value != nullptr) return textOf(*value, std::string(field) + "." + key);
+    if (const map_t* own = ownOf(field)) {
+      const data_t* value = given(*own, key);
+      if (value != nullptr) return value->text();
     }
     const data_t* value = given(*_map, key);
     if (value == nullptr || !value->isString()) return std::nullopt;
@@ -52,6 +60,16 @@ class FormMetadata {
   }
 
  private:
+  // The map under a field's name, or null.
+  const map_t* ownOf(const char* field) const {
+    const data_t* own = _map == nullptr ? nullptr : given(*_map, field);
+    if (own == nullptr || isMetadataKey(field, *own)) return nullptr;
+    if (own->tag() != QOR_MAP) {
+      throw RefusedRequest("http.form." + std::string(field) + " must be a map");
+    }
+    return &get<map_t>(*own);
+  }
+
   static std::string_view textOf(const data_t& value, const std::string& name) {
     if (!value.isString()) throw RefusedRequest("http.form." + name + " must be a string");
     if (hasControlCharacter(value.text(), Tab::Refused)) {
@@ -83,6 +101,7 @@ FormField readField(const char* name, const data_t& value, const FormMetadata& m
   if (hasControlCharacter(name, Tab::Refused)) {
     throw RefusedRequest("The name of a form field must not hold control characters");
   }
+  metadata.check(name);
   if (value.isString()) {
     field.value = value.text();
     return field;

@@ -36,7 +36,8 @@ struct FormField {
 // Throws RefusedRequest:
 //   payloadRefusal                              a key is no string, a value no string or buffer
 //   "http.form.filename must be a string"       the metadata is of the wrong kind; a field's own is
-//                                               called "http.form.x.filename"
+//                                               called "http.form.x.filename", and is refused
+//                                               also where the field is no file
 //   "http.form.x must be a map"                 what stands under a field's name is no map
 //   "http.form.filename must not hold control characters"
 //   "The name of a form field must not hold control characters"

@@ -104,12 +104,14 @@ bool HTTPClient::ClientSessionThread::followTo(const HTTPResponse& response, req
         unsigned{next.port});
     return false;
   }
-  if (atConfiguredServer()) owner.cookies.storeCookiesFromResponse(response);
+  const bool fromConfiguredServer = atConfiguredServer();
   if (elsewhere) {
     transportLog(Level::Debug, "Received permanent redirects requests with host= %s and new URL %s",
                  next.host.c_str(), location.c_str());
     moveSession(next.host, next.port);
   }
+  // Only now is the redirect sure to be followed.
+  if (fromConfiguredServer) owner.cookies.storeCookiesFromResponse(response);
   if (becomesGet(response.getStatus(), req.methodText())) dropBody(req);
   req.target = next.target;
   transportLog(Level::Debug, "Redirect Request: %s %s %d and RequestURI %s",

@@ -26,17 +26,18 @@ struct HTTPClient::ClientSessionThread::request {
   const char* pathText() const noexcept { return path.text(); }
   static void checkPayload(const data_t& payload);
 
-  data_t payload;          // a buffer, or the fields of a form
-  data_t requestId;        // given back unchanged
-  data_t method;           // a string, checked
-  data_t path;             // a string, as the request gave it
-  Texts headers;           // lower-case names, UTF-8 values
-  Texts queryParameters;   // names and values as given, not encoded
-  Texts cookies;           // for this request only
-  std::string target;      // encoded path and query, once built
-  data_t form;             // the form metadata: a map, or empty where the request is not a form
-  double startTime;        // seconds on the host's monotonic clock, read before anything else
-  data_t requestSentTime;  // given back unchanged; empty where the request has none
+  data_t payload;             // a buffer, or the fields of a form
+  data_t requestId;           // given back unchanged
+  data_t method;              // a string, checked
+  data_t path;                // a string, as the request gave it
+  Texts headers;              // lower-case names, UTF-8 values
+  Texts queryParameters;      // names and values as given, not encoded
+  Texts cookies;              // for this request only
+  std::string target;         // encoded path and query, once built
+  data_t form;                // the form metadata: a map, or empty where the request is not a form
+  bool formReported = false;  // what is odd about the form has been logged
+  double startTime;           // seconds on the host's monotonic clock, read before anything else
+  data_t requestSentTime;     // given back unchanged; empty where the request has none
   long long redirectLimit = 9;
   long long redirectsTaken = 0;
   long long maxResponseKB;        // kilobytes of 1000 bytes; negative: no limit

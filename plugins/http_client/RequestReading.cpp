@@ -116,6 +116,9 @@ std::string readCharset(const map_t* http, const DataTConstants& constants) {
   const data_t* value = given(http, constants.charset);
   if (value == nullptr) return "utf-8";
   std::string charset = lowerCased(textOf(*value, "http.charset"));
+  if (hasControlCharacter(charset, Tab::Refused)) {
+    throw std::runtime_error("http.charset must not hold control characters");
+  }
   return charset == "utf8" ? "utf-8" : charset;
 }
 

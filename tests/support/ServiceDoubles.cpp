@@ -103,9 +103,18 @@ void StatusDouble::set(void* context, void* item, const char* text) {
   auto& self = *static_cast<StatusDouble*>(context);
   const std::lock_guard lock(self._mutex);
   auto& entry = *static_cast<HistoryEntry*>(item);
+  for (const std::string& keyEnd : self._failing) {
+    if (entry.first.ends_with(keyEnd)) throw std::runtime_error("boom");
+  }
   entry.second.emplace_back(text);
+  self._changes.emplace_back(entry.first, text);
   self._items[entry.first] = text;
   self._changed.notify_all();
+}
+
+void StatusDouble::fail(const std::string& keyEnd) {
+  const std::lock_guard lock(_mutex);
+  _failing.push_back(keyEnd);
 }
 
 void StatusDouble::remove(void* context, void* item) {
@@ -132,6 +141,11 @@ std::int64_t StatusDouble::number(const std::string& key) const {
 std::map<std::string, std::string> StatusDouble::items() const {
   const std::lock_guard lock(_mutex);
   return _items;
+}
+
+std::vector<std::pair<std::string, std::string>> StatusDouble::changes() const {
+  const std::lock_guard lock(_mutex);
+  return _changes;
 }
 
 std::vector<std::string> StatusDouble::history(const std::string& key) const {

@@ -69,10 +69,14 @@ class StatusDouble {
   std::map<std::string, std::string> items() const;
   // Every text that was set under the key, the one at its creation first; also of removed items.
   std::vector<std::string> history(const std::string& key) const;
+  // Key and text of every change of an item after its creation, in their order.
+  std::vector<std::pair<std::string, std::string>> changes() const;
   // Waits until the item has the text.
   void waitFor(const std::string& key, const std::string& text) const;
   // From now on, items whose key ends with this are refused.
   void refuse(std::string keyEnd);
+  // From now on, setting an item whose key ends with this throws "boom", which a host must not do.
+  void fail(const std::string& keyEnd);
 
  private:
   static void* create(void* context, const char* key, const char* text);
@@ -85,7 +89,9 @@ class StatusDouble {
   // Below: guarded by _mutex. A host item is the address of its key's entry in _history.
   std::map<std::string, std::string> _items;
   std::map<std::string, std::vector<std::string>> _history;
+  std::vector<std::pair<std::string, std::string>> _changes;
   std::optional<std::string> _refused;
+  std::vector<std::string> _failing;
 };
 
 // The host's answers. handle() is what create takes as the host handle.

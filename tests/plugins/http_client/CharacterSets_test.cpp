@@ -6,6 +6,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/ScarceAddressSpace.hpp"
+
 namespace connectivity::plugins {
 namespace {
 
@@ -60,12 +62,12 @@ TEST(CharacterSets, ConvertsFromANamedCharacterSet) {
 TEST(CharacterSets, ReportsACharacterSetThatNobodyKnows) {
   EXPECT_THAT(
       [] { convertFromCharset("x", "no-such-set"); },
-      ThrowsMessage<std::runtime_error>("Could not convert argument from no-such-set, to UTF-8"));
+      ThrowsMessage<std::runtime_error>("Could not convert argument from no-such-set to UTF-8"));
 }
 
 TEST(CharacterSets, ReportsAResultBeyondTheCapacity) {
   const auto message =
-      ThrowsMessage<std::runtime_error>("Could not convert argument from UTF-8, to iso8859-1");
+      ThrowsMessage<std::runtime_error>("Could not convert argument from UTF-8 to iso8859-1");
   EXPECT_THAT([] { convertBetweenCharsets("abcd", "UTF-8", "iso8859-1", 3); }, message);
   EXPECT_THAT([] { convertBetweenCharsets("abcd", "UTF-8", "iso8859-1", 0); }, message);
 }
@@ -75,6 +77,16 @@ TEST(CharacterSets, ReportsAResultThatLeavesNoRoomForItsNul) {
   EXPECT_THROW(convertBetweenCharsets("abcd", "UTF-8", "iso8859-1", 4), std::runtime_error);
   EXPECT_EQ(convertBetweenCharsets("abcd", "UTF-8", "iso8859-1", 5), "abcd");
 }
+
+#ifdef ADDRESS_SPACE_CAN_BE_LIMITED
+
+TEST(CharacterSets, ReportsThatThereIsNoMemoryForTheResult) {
+  const test_support::ScarceAddressSpace scarce;
+  EXPECT_THAT([] { convertBetweenCharsets("a", "UTF-8", "iso8859-1", 4'000'000'000U); },
+              ThrowsMessage<std::runtime_error>("Failed to allocate memory"));
+}
+
+#endif
 
 TEST(CharacterSets, SubstitutesWhatIso88591Lacks) {
   EXPECT_EQ(convertToISO88591("5 " + euro), "5 \x1A");

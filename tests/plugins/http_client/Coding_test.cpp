@@ -112,6 +112,16 @@ TEST_F(Coding, PayloadOfAMethodWithoutBodyIsDroppedAndReported) {
   }
 }
 
+TEST_F(Coding, PayloadThatIsDroppedIsReportedOnceHoweverOftenTheRequestIsSent) {
+  server().answer("/moved", {307, {{"Location", "/x"}}, ""});
+  ScriptedServer closing({[](Connection& connection) { connection.readRequest(); },
+                          [&](Connection& connection) { server().answerByPath(connection); }});
+  PluginUnderTest plugin(Config(closing.port()).numClients(1));
+  EXPECT_EQ(plugin.request(Request("DELETE", "/moved").body("payload")).status(), 200);
+  EXPECT_EQ(closing.requestCount(), 3U);
+  EXPECT_EQ(plugin.log().count("Ignoring specified payload for DELETE request method"), 1U);
+}
+
 // --- requests: codings --------------------------------------------------------------------------
 
 TEST_F(Coding, RequestBodyIsCompressed) {

@@ -110,6 +110,33 @@ TEST_F(JarOnTheWire, CookieOfAFollowedRedirectIsStoredButNotInTheAnswer) {
   EXPECT_EQ(sent(), "step=1");
 }
 
+TEST_F(JarOnTheWire, CookieOfARedirectThatIsDeliveredIsStoredAndInTheAnswer) {
+  HeaderList headers = setting({"step=1"});
+  headers.emplace_back("Location", "https://elsewhere.test/");
+  server().answer("/redirect", {302, headers, ""});
+  const Answer answer = plugin().request(Request("GET", "/redirect"));
+  EXPECT_EQ(answer.status(), 302);
+  EXPECT_EQ(answer.cookie("step"), "1");
+  EXPECT_EQ(sent(), "step=1");
+}
+
+// Only a redirect that is followed leaves its cookies behind.
+TEST_F(JarOnTheWire, CookieOfARedirectThatFailsIsNotStored) {
+  HeaderList malformed = setting({"malformed=1"});
+  malformed.emplace_back("Location", "http://[::1/x");
+  server().answer("/malformed", {302, malformed, ""});
+  EXPECT_EQ(plugin().request(Request("GET", "/malformed")).status(), 400);
+  EXPECT_EQ(sent(), std::nullopt);
+
+  for (int step = 0; step < 10; ++step) {
+    HeaderList headers = setting({"last=" + std::to_string(step)});
+    headers.emplace_back("Location", "/" + std::to_string(step + 1));
+    server().answer("/" + std::to_string(step), {302, headers, ""});
+  }
+  EXPECT_EQ(plugin().request(Request("GET", "/0")).reason(), "Maximum redirects exceeded");
+  EXPECT_EQ(sent(), "last=8") << "the ninth's, not the tenth's";
+}
+
 TEST_F(JarOnTheWire, CookieValuesAreHiddenInTheLog) {
   set({"sid=secret"});
   plugin().log().clear();  // the response that set it is shown

@@ -521,6 +521,20 @@ TEST(Dispatch, AnswersARequestThatFailsWithWhatIsNoException) {
   EXPECT_EQ(answers[2].status(), 200);
 }
 
+// What is thrown where a failure is told keeps nobody from answering it.
+TEST(Dispatch, AnswersOnceThoughTheHostsStatusFunctionThrows) {
+  PluginUnderTest plugin{Config(unusedPort())};
+  plugin.status().fail(".status");
+  plugin.status().fail("Bytes");
+  for (const auto id : upTo(2)) {
+    const Answer answer = plugin.request(Request("POST", "/x").id(id).body("abc"));
+    EXPECT_TRUE(answer.reason().starts_with("Connection refused")) << answer.reason();
+  }
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(plugin.answerCount(), 2U);
+  EXPECT_TRUE(plugin.log().contains("Exception from updateStatus: boom"));
+}
+
 TEST(Dispatch, BlocksSigpipeOnItsWorkers) {
   EchoServer server;
   PluginUnderTest plugin{Config(server.port())};

@@ -6,7 +6,6 @@
 #include <fstream>
 #include <memory>
 #include <string>
-#include <sys/resource.h>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -15,6 +14,7 @@
 
 #include "tests/plugins/http_client/EchoServer.hpp"
 #include "tests/support/PluginUnderTest.hpp"
+#include "tests/support/ScarceAddressSpace.hpp"
 
 namespace test_support {
 namespace {
@@ -301,39 +301,7 @@ TEST(Destroy, FreesWorkersThatNeverRan) {
 
 // --- A start that fails half-way ---------------------------------------------------------------
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#if defined(__has_feature)
-#if !__has_feature(thread_sanitizer) && !__has_feature(address_sanitizer)
-#define ADDRESS_SPACE_CAN_BE_LIMITED
-#endif
-#else
-#define ADDRESS_SPACE_CAN_BE_LIMITED
-#endif
-#endif
-
-// Sanitizers reserve terabytes.
 #ifdef ADDRESS_SPACE_CAN_BE_LIMITED
-
-// Leaves address space for a few more threads only.
-class ScarceAddressSpace {
- public:
-  ScarceAddressSpace() {
-    getrlimit(RLIMIT_AS, &_previous);
-    std::ifstream file("/proc/self/statm");
-    rlim_t pages = 0;
-    file >> pages;
-    constexpr rlim_t room = 64 << 20;
-    const rlimit scarce{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + room,
-                        _previous.rlim_max};
-    setrlimit(RLIMIT_AS, &scarce);
-  }
-  ~ScarceAddressSpace() { setrlimit(RLIMIT_AS, &_previous); }
-  ScarceAddressSpace(const ScarceAddressSpace&) = delete;
-  ScarceAddressSpace& operator=(const ScarceAddressSpace&) = delete;
-
- private:
-  rlimit _previous{};
-};
 
 class HalfStarted : public testing::Test {
  protected:

@@ -171,7 +171,16 @@ TEST(FormFields, SettingOfTheWrongKindIsRefusedByItsName) {
                 .refusal(),
             "http.form.a.charset must be a string");
   EXPECT_EQ(Form().buffer("a", "1").setting({"a"}, "x").refusal(), "http.form.a must be a map");
+  EXPECT_EQ(Form().text("a", "1").setting({"a"}, "x").refusal(), "http.form.a must be a map");
   EXPECT_EQ(Form().metadata(data_t(1)).refusal(), "http.form must be a map");
+}
+
+TEST(FormFields, SettingOfTheWrongKindIsRefusedAlsoWhereTheFieldIsNoFile) {
+  for (const std::string setting : {"filename", "contentType", "charset"}) {
+    const std::string refusal = "http.form.a." + setting + " must be a string";
+    EXPECT_EQ(Form().text("a", "1").setting({"a", setting}, data_t(1)).refusal(), refusal);
+    EXPECT_EQ(Form().buffer("a", "1").setting({"a", setting}, data_t(1)).refusal(), refusal);
+  }
 }
 
 TEST(FormFields, ControlCharacterIsRefusedByItsItem) {

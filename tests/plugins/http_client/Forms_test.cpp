@@ -223,6 +223,10 @@ TEST_F(Forms, MetadataOfTheWrongKindIsRefused) {
   expectRefused(
       Request("POST", "/form").file("a", "1").set("http/form/filename", test_support::data_t(1)),
       "http.form.filename must be a string");
+  expectRefused(Request("POST", "/form")
+                    .file("a", "1")
+                    .set("http/form/a/contentType", test_support::data_t(1)),
+                "http.form.a.contentType must be a string");
 }
 
 TEST_F(Forms, RefusalIsNoFailureOfTheServer) {
@@ -283,6 +287,18 @@ TEST_F(Forms, RetrySendsTheWholeFormAgain) {
     EXPECT_TRUE(onlyPartOf(request).ends_with("\r\n\r\n" + bytes));
     expectFramedByLengthAlone(request);
   }
+}
+
+TEST_F(Forms, LinesAboutAFormThatIsSentTwiceAreLoggedOnce) {
+  ScriptedServer closing({[](Connection& connection) { connection.readRequest(); },
+                          [&](Connection& connection) { server().answerByPath(connection); }});
+  server().answer("/307", {307, {{"Location", "/form"}}, ""});
+  PluginUnderTest plugin(Config(closing.port()).numClients(1));
+  EXPECT_EQ(plugin.request(Request("POST", "/307").file("a", "bytes").form()).status(), 200);
+  EXPECT_EQ(plugin.log().count("will retry once"), 1U);
+  EXPECT_EQ(plugin.log().count(noFileName), 1U);
+  plugin.request(Request("POST", "/form").file("a", "bytes").form());
+  EXPECT_EQ(plugin.log().count(noFileName), 2U) << "the next request has its own";
 }
 
 TEST_F(Forms, RedirectThatKeepsTheBodySendsTheFormAgain) {

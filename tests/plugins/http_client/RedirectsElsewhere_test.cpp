@@ -369,6 +369,26 @@ TEST_F(TlsRedirects, ToAnotherServerAreRefusedWhereItsNameIsWrong) {
   EXPECT_EQ(_home.connectionCount(), 1U);
 }
 
+// No certificate can name the host ".", so nothing is sent there: the redirect itself fails.
+TEST_F(TlsRedirects, ToAHostThatNoCertificateCanNameFailWithTheKindOfTheFailure) {
+  HeaderList headers = to("https://./far");
+  headers.emplace_back("Set-Cookie", "step=1; Path=/");
+  _home.answer("/from", {301, headers, ""});
+  _home.answer("/near", {200, {}, "near"});
+  PluginUnderTest plugin(Config(_home.port()).tls(_authority.caFile()));
+  const Answer answer = plugin.request(Request("GET", "/from").id(6));
+  EXPECT_EQ(answer.status(), 400);
+  EXPECT_EQ(answer.reason(), "SSL context exception: Cannot verify certificates for the host");
+  EXPECT_EQ(answer.id(), 6);
+  EXPECT_TRUE(plugin.log().contains(
+      "Failed to perform HTTP redirect: SSL context exception (Cannot verify certificates for the "
+      "host)"));
+  EXPECT_EQ(plugin.statusItem(".status"), "FAILED");
+  EXPECT_EQ(plugin.request(Request("GET", "/near")).body(), "near");
+  EXPECT_EQ(_home.requests().back().header("cookie"), std::nullopt) << "it was not followed";
+  EXPECT_EQ(_home.connectionCount(), 1U);
+}
+
 // --- Through a proxy ----------------------------------------------------------------------------
 
 TEST(ProxiedRedirects, ToAnotherServerGoThroughTheProxyToo) {

@@ -29,6 +29,13 @@ std::string nameOf(const ::testing::TestParamInfo<Refusal>& info) { return info.
 
 Request get() { return {"GET", "/x"}; }
 
+// A map with a name that is no string.
+data_t mapWithANumberAsName() {
+  map_t map;
+  map.insert(data_t(7), data_t("b"));
+  return data_t(std::move(map));
+}
+
 data_t hostObject() {
   Message flush = flushMessage(std::make_shared<Event>());
   return std::move(*flush.metadata.findText("qor.controlObject"));
@@ -89,6 +96,20 @@ INSTANTIATE_TEST_SUITE_P(
                 "http.form must be a map"},
         Refusal{"WithANumberAsHeader", [] { return get().set("http/headers/X-Count", data_t(7)); },
                 "http.headers.X-Count must be a string"},
+        Refusal{"WithANumberAsQueryParameter",
+                [] { return get().set("http/queryString/a", data_t(7)); },
+                "http.queryString.a must be a string"},
+        Refusal{"WithANumberAsCookie", [] { return get().set("http/cookies/a", data_t(7)); },
+                "http.cookies.a must be a string"},
+        Refusal{"WithANumberAsHeaderName",
+                [] { return get().set("http/headers", mapWithANumberAsName()); },
+                "The names in http.headers must be strings"},
+        Refusal{"WithANumberAsQueryName",
+                [] { return get().set("http/queryString", mapWithANumberAsName()); },
+                "The names in http.queryString must be strings"},
+        Refusal{"WithANumberAsCookieName",
+                [] { return get().set("http/cookies", mapWithANumberAsName()); },
+                "The names in http.cookies must be strings"},
         Refusal{"WithANumberAsContentType", [] { return get().set("http/contentType", data_t(7)); },
                 "http.contentType must be a string"},
         Refusal{"WithANumberAsCharset",
@@ -100,6 +121,9 @@ INSTANTIATE_TEST_SUITE_P(
         Refusal{"WithATextAsLimit", [] { return get().set("http/maxResponseKB", data_t("5")); },
                 "http.maxResponseKB must be an integer"},
         Refusal{"WithAnUnknownPolicy", [] { return get().policy("truncate_end"); },
+                "Invalid maxResponsePolicy in request"},
+        Refusal{"WithANumberAsPolicy",
+                [] { return get().set("http/maxResponsePolicy", data_t(7)); },
                 "Invalid maxResponsePolicy in request"}),
     nameOf);
 
@@ -138,6 +162,17 @@ INSTANTIATE_TEST_SUITE_P(
                 "http.headers.X-A holds a character that ISO-8859-1 lacks"},
         Refusal{"WithALineFeedInACookie", [] { return get().cookie("c", "d\ne"); },
                 "http.cookies.c must not hold control characters"},
+        Refusal{"WithALineFeedInACookieName", [] { return get().cookie("c\nd", "e"); },
+                "http.cookies.c\nd must not hold control characters"},
+        Refusal{"WithATabInACookieName", [] { return get().cookie("c\td", "e"); },
+                "http.cookies.c\td must not hold control characters"},
+        Refusal{"WithACookieThatLatin1Lacks", [] { return get().cookie("c", "\u20ac"); },
+                "http.cookies.c holds a character that ISO-8859-1 lacks"},
+        Refusal{"WithALineFeedInTheCharset",
+                [] { return get().contentType("text/plain").charset("utf-8\nX: y"); },
+                "http.charset must not hold control characters"},
+        Refusal{"WithAContentTypeThatLatin1Lacks", [] { return get().contentType("a/\u20ac"); },
+                "http.contentType holds a character that ISO-8859-1 lacks"},
         Refusal{"WithALineFeedInTheContentType", [] { return get().contentType("a/b\nX: y"); },
                 "http.contentType must not hold control characters"},
         Refusal{"WithABrokenEscapeInThePath", [] { return Request("GET", "/%zz"); },

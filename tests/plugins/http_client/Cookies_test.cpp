@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -256,6 +257,37 @@ TEST(WithoutCookieJar, OnlyTheRequestsOwnCookiesAreSentButTheAnswerListsAll) {
   const auto sent = cookies.getCookiesFromRequest({{"own", "x"}}, "/");
   EXPECT_EQ(sent.size(), 1U);
   EXPECT_EQ(sent.get("own"), "x");
+}
+
+// --- the lock -----------------------------------------------------------------------------------
+
+std::function<void()> inBetween;
+Cookies::Clock::time_point interruptedTime() {
+  if (const auto action = std::exchange(inBetween, nullptr)) action();
+  return testTime();
+}
+
+// What is looked at in between would wait for ever for a lock that is held.
+TEST(CookieJarLock, IsNotHeldWhileALifetimeIsReckoned) {
+  const LogDouble log;
+  const Logger logger("connectivity.test.1");
+  Cookies cookies(true, logger, &interruptedTime);
+  std::size_t seen = 99;
+  inBetween = [&] { seen = cookies.getCookiesFromRequest({}, "/").size(); };
+  cookies.setCookiesFromResponse(responseWith({"a=1; Max-Age=60"}));
+  EXPECT_EQ(seen, 0U);
+  EXPECT_EQ(cookies.getCookiesFromRequest({}, "/").size(), 1U);
+}
+
+TEST(CookieJarLock, IsNotHeldBetweenOneCookieAndTheNext) {
+  const LogDouble log;
+  const Logger logger("connectivity.test.1");
+  Cookies cookies(true, logger, &interruptedTime);
+  std::size_t seen = 99;
+  const auto look = [&] { seen = cookies.getCookiesFromRequest({}, "/").size(); };
+  inBetween = [&] { inBetween = look; };
+  cookies.setCookiesFromResponse(responseWith({"a=1", "b=2"}));
+  EXPECT_EQ(seen, 1U) << "the first is there when the second is read";
 }
 
 // --- many workers -------------------------------------------------------------------------------

@@ -49,6 +49,36 @@ TEST_F(MetricsTest, CreatesSixteenItemsWithTheirInitialTexts) {
   EXPECT_EQ(item("concurrencyUtilizationPercent"), "100");
 }
 
+// Where one is refused, those before it in the order have been made, and none behind it.
+TEST_F(MetricsTest, CreatesItsItemsInTheirOrder) {
+  const std::vector<std::string> order = {".status",
+                                          ".errorsTowardsHost",
+                                          ".responsesTowardsHost",
+                                          ".requestLatencyEWMAShortMillis",
+                                          ".requestLatencyEWMALongMillis",
+                                          ".requestSizeEWMAShortBytes",
+                                          ".requestSizeEWMALongBytes",
+                                          ".responseSizeEWMAShortBytes",
+                                          ".responseSizeEWMALongBytes",
+                                          ".requestSizeMaxInLastHourBytes",
+                                          ".responseSizeMaxInLastHourBytes",
+                                          ".numClients",
+                                          ".serializedRequests",
+                                          ".concurrencyUtilizationPercent",
+                                          ".queueSize",
+                                          ".KPIs"};
+  for (std::size_t refused = 0; refused < order.size(); ++refused) {
+    StatusDouble refusing;
+    refusing.refuse(order[refused]);
+    StatusReporter itsReporter(refusing.handle());
+    EXPECT_THROW(make(itsReporter, 2), std::runtime_error);
+    for (std::size_t at = 0; at < order.size(); ++at) {
+      EXPECT_EQ(refusing.history("name.chain" + order[at]).size(), at < refused ? 1U : 0U)
+          << order[at] << " where " << order[refused] << " is refused";
+    }
+  }
+}
+
 TEST_F(MetricsTest, ListsTheFullKeysOfItsPerformanceIndicators) {
   EXPECT_EQ(item("KPIs"),
             "name.chain.requestLatencyEWMAShortMillis,name.chain.requestLatencyEWMALongMillis,"
@@ -111,6 +141,20 @@ TEST_F(MetricsTest, CountsOnlyTheLatencyOfOtherResponses) {
   EXPECT_EQ(item("responseSizeEWMALongBytes"), "0");
   EXPECT_EQ(item("responseSizeMaxInLastHourBytes"), "0");
   EXPECT_EQ(item("requestLatencyEWMAShortMillis"), "2000");
+}
+
+TEST_F(MetricsTest, SetsItsItemsInTheirOrder) {
+  metrics->updateRequestMetrics(500);
+  metrics->updateResponseMetrics(1, 200, 700);
+  std::vector<std::string> keys;
+  for (const auto& [key, text] : status.changes()) keys.push_back(key);
+  EXPECT_EQ(
+      keys,
+      (std::vector<std::string>{
+          "name.chain.requestSizeEWMAShortBytes", "name.chain.requestSizeEWMALongBytes",
+          "name.chain.requestSizeMaxInLastHourBytes", "name.chain.requestLatencyEWMALongMillis",
+          "name.chain.requestLatencyEWMAShortMillis", "name.chain.responseSizeEWMAShortBytes",
+          "name.chain.responseSizeEWMALongBytes", "name.chain.responseSizeMaxInLastHourBytes"}));
 }
 
 TEST_F(MetricsTest, KeepsTheLargestRequestForAnHour) {
@@ -208,6 +252,13 @@ TEST_F(MetricsTest, ShowsAHundredForEvenWorkAndNoneForOneWorkerAlone) {
   metrics->addBusyTime(0, 0.010);
   metrics->updateConcurrencyUtilizationStatus();
   EXPECT_EQ(item("concurrencyUtilizationPercent"), "100");
+}
+
+TEST_F(MetricsTest, RoundsHalfAPercentUp) {
+  metrics->addBusyTime(0, 0.375);
+  metrics->addBusyTime(1, 0.025);  // 12.5 percent
+  metrics->updateConcurrencyUtilizationStatus();
+  EXPECT_EQ(item("concurrencyUtilizationPercent"), "13");
 }
 
 TEST_F(MetricsTest, LeavesTheUtilisationAloneBeforeAnyWork) {

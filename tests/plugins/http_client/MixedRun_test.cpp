@@ -374,6 +374,27 @@ void addLimits(std::vector<Kind>& all) {
                    if (!kept.ends_with('\n')) kept.resize(kept.rfind('\n'));
                    return success(kept + "[TRUNCATED]");
                  }});
+  // To the letter of its arithmetic: what stood behind the tail in the read's buffer are zeros.
+  all.push_back({"CutAtTheStart", 2, [](int n) { return get(n).limit(1).policy("TRUNCATE_START"); },
+                 sendLong,
+                 [](int n) {
+                   const std::string whole = lines(n, 200);
+                   const std::size_t dropped = whole.size() - 1000;
+                   const std::string tail = whole.substr(dropped);
+                   const std::string kept = tail.substr(tail.find('\n'));
+                   return success("[TRUNCATED]" + kept + std::string(102'399 - whole.size(), '\0'));
+                 }});
+  all.push_back(
+      {"TailOfALongBody", 1, [](int n) { return get(n).limit(1).policy("TRUNCATE_START"); },
+       [](Connection& connection, const Arrival& arrival) {
+         connection.sendResponse(200, headersOf(arrival.number), lines(arrival.number, 5000));
+         return true;
+       },
+       [](int n) {
+         const std::string whole = lines(n, 5000);
+         const std::string tail = whole.substr(whole.size() - 1000);
+         return success("[TRUNCATED]" + tail.substr(tail.find('\n')));
+       }});
   all.push_back({"WithinItsLimit", 3, [](int n) { return get(n).limit(1000).policy("REJECT"); },
                  sendContent, itsContent});
 }

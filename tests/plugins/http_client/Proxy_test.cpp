@@ -53,6 +53,17 @@ TEST(PlainProxy, WithoutCredentialsIsSentNoAuthorization) {
   EXPECT_EQ(proxy.request(0).header("proxy-authorization"), std::nullopt);
 }
 
+TEST(PlainProxy, WithCredentialsOfTheTypeNoneIsSentNoAuthorization) {
+  ScriptedServer server(answerWithTarget);
+  ScriptedProxy proxy;
+  PluginUnderTest plugin(Config(server.port())
+                             .proxy(proxy.port())
+                             .proxyCredentials("user", "pass")
+                             .set("proxy/authentication/authenticationType", "none"));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).body(), "/x");
+  EXPECT_EQ(proxy.request(0).header("proxy-authorization"), std::nullopt);
+}
+
 TEST(PlainProxy, WithCredentialsIsSentThemWithEveryRequest) {
   ScriptedServer server(answerWithTarget);
   ScriptedProxy proxy(wanting("user:pass"));

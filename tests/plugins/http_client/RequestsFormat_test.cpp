@@ -290,6 +290,8 @@ INSTANTIATE_TEST_SUITE_P(
         // Deliberate: the test is a prefix test, whatever the type names already.
         ContentTypeCase{"OfTextNamesACharsetTwiceWhereItHasOne", "text/plain;charset=ascii", "",
                         "text/plain;charset=ascii;charset=utf-8"},
+        // The test is one of bytes, too.
+        ContentTypeCase{"OfTextInCapitalsIsAsGiven", "Text/Plain", "", "Text/Plain"},
         ContentTypeCase{"OfOtherKindsIsAsGiven", "application/json", "latin1", "application/json"}),
     contentTypeName);
 

@@ -31,12 +31,13 @@ void readAndReset(Connection& connection) {
 
 TEST(SessionRetry, RequestIsSentASecondTimeWhereTheServerClosesWithoutAnAnswer) {
   ScriptedServer server({readAndClose, answerOnce});
-  PluginUnderTest plugin(Config(server.port()));
+  PluginUnderTest plugin(Config(server.port()).basicAuthentication("user", "pass"));
   const Answer answer = plugin.request(Request("POST", "/x").body("once more"));
   EXPECT_EQ(answer.status(), 200);
   EXPECT_EQ(answer.body(), "answered");
   ASSERT_EQ(server.requestCount(), 2U);
   EXPECT_EQ(server.request(0).raw, server.request(1).raw);
+  EXPECT_EQ(server.request(1).header("authorization"), "Basic dXNlcjpwYXNz");
   const auto line = plugin.log().find(
       "Caught a Poco::Net::NoMessageException processing a request, will retry "
       "once: ");

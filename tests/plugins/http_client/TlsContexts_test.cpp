@@ -7,6 +7,7 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Net/SSLException.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
@@ -35,6 +36,31 @@ TEST(TlsContexts, VerifyStrictlyToADepthOfNineFromTls12On) {
   EXPECT_EQ(SSL_CTX_get_verify_depth(context->sslContext()), 9);
   EXPECT_EQ(SSL_CTX_get_min_proto_version(context->sslContext()), TLS1_2_VERSION);
   EXPECT_EQ(SSL_CTX_get_max_proto_version(context->sslContext()), 0);  // the newest there is
+}
+
+std::vector<std::string> cipherNamesOf(const Context::Ptr& context) {
+  std::vector<std::string> names;
+  STACK_OF(SSL_CIPHER)* const ciphers = SSL_CTX_get_ciphers(context->sslContext());
+  for (int i = 0; i < sk_SSL_CIPHER_num(ciphers); ++i) {
+    names.emplace_back(SSL_CIPHER_get_name(sk_SSL_CIPHER_value(ciphers, i)));
+  }
+  return names;
+}
+
+TEST(TlsContexts, OfferTheStrongSuitesOfTls12And13Only) {
+  const Context::Ptr expected =
+      new Context(Context::TLSV1_2_CLIENT_USE, "", Context::VERIFY_NONE, 9, false,
+                  "HIGH+TLSv1.2:!COMPLEMENTOFDEFAULT:!PSK:!aNULL:!eNULL");
+  TlsContexts strict("", false);
+  TlsContexts accepting("", true);
+  for (TlsContexts* contexts : {&strict, &accepting}) {
+    const std::vector<std::string> names = cipherNamesOf(contexts->contextFor("server.test"));
+    EXPECT_EQ(names, cipherNamesOf(expected));
+    EXPECT_THAT(names, testing::Contains("ECDHE-RSA-AES256-GCM-SHA384"));
+    for (const char* weak : {"PSK", "NULL", "ADH", "AECDH", "RC4", "3DES", "MD5"}) {
+      EXPECT_THAT(names, testing::Not(testing::Contains(testing::HasSubstr(weak))));
+    }
+  }
 }
 
 TEST(TlsContexts, HoldTheHostThatIsVerified) {

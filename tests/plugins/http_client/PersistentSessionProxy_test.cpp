@@ -1,16 +1,15 @@
 // Sessions through a proxy: requests in absolute form, and tunnels for TLS.
-#include <iterator>
 #include <memory>
 #include <string>
 
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
-#include <Poco/Timespan.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "plugins/http_client/PersistentSession.hpp"
 #include "plugins/http_client/TlsContexts.hpp"
+#include "tests/plugins/http_client/SessionClient.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/Event.hpp"
 #include "tests/support/RealServers.hpp"
@@ -31,10 +30,6 @@ using testing::Throws;
 using Peer = test_support::Connection;
 using ProxyConfig = Poco::Net::HTTPClientSession::ProxyConfig;
 
-std::string readAll(std::istream& stream) {
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 ProxyConfig proxyAt(int port, const std::string& user = {}, const std::string& password = {}) {
   ProxyConfig config;
   config.host = "127.0.0.1";
@@ -46,8 +41,7 @@ ProxyConfig proxyAt(int port, const std::string& user = {}, const std::string& p
 
 void configure(PersistentSession& session, const ProxyConfig& proxy) {
   session.poco().setProxyConfig(proxy);
-  session.poco().setKeepAlive(true);
-  session.poco().setTimeout(Poco::Timespan(30, 0));
+  setUp(session);
 }
 
 // What the proxy does: where it connects, whom it serves.

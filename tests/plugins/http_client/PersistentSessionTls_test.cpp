@@ -1,6 +1,5 @@
 // Sessions over TLS: handshakes, the ways in which they fail, and connections that end.
 #include <csignal>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -15,6 +14,7 @@
 
 #include "plugins/http_client/PersistentSession.hpp"
 #include "plugins/http_client/TlsContexts.hpp"
+#include "tests/plugins/http_client/SessionClient.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/Event.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -23,7 +23,6 @@ namespace connectivity::plugins {
 namespace {
 
 using Poco::Net::HTTPRequest;
-using Poco::Net::HTTPResponse;
 using Poco::Net::SSLException;
 using test_support::CertificateAuthority;
 using test_support::Event;
@@ -36,41 +35,14 @@ using testing::Throws;
 using Peer = test_support::Connection;
 using Script = ScriptedServer::Script;
 
-constexpr const char* ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-
-std::string readAll(std::istream& stream) {
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
-
 auto failsWith(const testing::Matcher<std::string>& text) {
   return Throws<SSLException>(testing::Property(&Poco::Exception::message, text));
 }
 
-struct Client {
+struct Client : SessionClient {
   Client(const ScriptedServer& server, TlsContexts& contexts, const std::string& host = "localhost")
-      : session(openSession(host, static_cast<std::uint16_t>(server.port()),
-                            contexts.contextFor(host))) {
-    session->poco().setKeepAlive(true);
-    session->poco().setTimeout(Poco::Timespan(30, 0));
-  }
-
-  ResponseBody& exchange(HTTPRequest& request, const std::string& body = {}) {
-    std::ostream& stream = session->sendRequest(request);
-    if (!body.empty()) stream.write(body.data(), static_cast<std::streamsize>(body.size()));
-    return session->receiveResponse(response);
-  }
-  ResponseBody& get(const std::string& target = "/") {
-    HTTPRequest request("GET", target, "HTTP/1.1");
-    return exchange(request);
-  }
-  ResponseBody& post(const std::string& body) {
-    HTTPRequest request("POST", "/", "HTTP/1.1");
-    request.setContentLength64(static_cast<Poco::Int64>(body.size()));
-    return exchange(request, body);
-  }
-
-  std::unique_ptr<PersistentSession> session;
-  HTTPResponse response;
+      : SessionClient(openSession(host, static_cast<std::uint16_t>(server.port()),
+                                  contexts.contextFor(host))) {}
 };
 
 class PersistentSessionTls : public testing::Test {

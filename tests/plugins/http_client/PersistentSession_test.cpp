@@ -1,7 +1,6 @@
 #include "plugins/http_client/PersistentSession.hpp"
 
 #include <csignal>
-#include <iterator>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -14,6 +13,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "tests/plugins/http_client/SessionClient.hpp"
 #include "tests/support/Descriptor.hpp"
 #include "tests/support/Event.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -22,7 +22,6 @@ namespace connectivity::plugins {
 namespace {
 
 using Poco::Net::HTTPRequest;
-using Poco::Net::HTTPResponse;
 using test_support::Event;
 using test_support::ScriptedServer;
 using testing::AllOf;
@@ -32,13 +31,6 @@ using testing::Throws;
 using testing::ThrowsMessage;
 using Peer = test_support::Connection;
 using Script = ScriptedServer::Script;
-
-// Long for what must not happen; nothing waits for it.
-constexpr long timeoutSecs = 30;
-
-std::string readAll(std::istream& stream) {
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
-}
 
 // Reads a request, then sends these bytes.
 Script answerWith(std::vector<std::string> answers) {
@@ -59,32 +51,9 @@ Script answerAndClose(std::string answer) {
   };
 }
 
-constexpr const char* ok = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok";
-
-struct Client {
+struct Client : SessionClient {
   explicit Client(const ScriptedServer& server, const std::string& host = "127.0.0.1")
-      : session(openSession(host, static_cast<std::uint16_t>(server.port()))) {
-    session->poco().setKeepAlive(true);
-    session->poco().setTimeout(Poco::Timespan(timeoutSecs, 0));
-  }
-
-  ResponseBody& exchange(HTTPRequest& request, const std::string& body = {}) {
-    std::ostream& stream = session->sendRequest(request);
-    if (!body.empty()) stream.write(body.data(), static_cast<std::streamsize>(body.size()));
-    return session->receiveResponse(response);
-  }
-  ResponseBody& get(const std::string& target = "/", const std::string& method = "GET") {
-    HTTPRequest request(method, target, "HTTP/1.1");
-    return exchange(request);
-  }
-  ResponseBody& post(const std::string& body) {
-    HTTPRequest request("POST", "/", "HTTP/1.1");
-    request.setContentLength64(static_cast<Poco::Int64>(body.size()));
-    return exchange(request, body);
-  }
-
-  std::unique_ptr<PersistentSession> session;
-  HTTPResponse response;
+      : SessionClient(openSession(host, static_cast<std::uint16_t>(server.port()))) {}
 };
 
 TEST(PersistentSession, ConnectsWithItsFirstRequest) {

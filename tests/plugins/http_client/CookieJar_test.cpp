@@ -145,6 +145,39 @@ TEST_F(JarOnTheWire, CookieValuesAreHiddenInTheLog) {
   EXPECT_FALSE(plugin().log().contains("secret"));
 }
 
+// Sets a cookie of the request's own name, and deletes one that others set.
+void setOneAndDeleteAnother(test_support::Connection& connection) {
+  while (const auto request = connection.readRequest()) {
+    const std::string name = request->target.substr(1);
+    connection.sendResponse(200,
+                            setting({name + "=" + name, "shared=" + name, "deleted=1; Max-Age=0",
+                                     "brief=" + name + "; Max-Age=60", "brief=; Max-Age=0"}));
+  }
+}
+
+TEST(JarOfManyWorkers, HoldsWhatEachOfThirtyTwoHasSet) {
+  constexpr int requests = 320;
+  ScriptedServer server(setOneAndDeleteAnother);
+  PluginUnderTest plugin(Config(server.port()).numClients(32).set("cookieJar", true));
+  std::vector<test_support::Message> batch;
+  batch.reserve(requests);
+  for (int i = 0; i < requests; ++i) {
+    batch.push_back(Request("GET", ("/c" + std::to_string(i)).c_str()).id(i).message());
+  }
+  ASSERT_EQ(plugin.send(std::move(batch)), 0);
+  for (const Answer& answer : plugin.waitForAnswers(requests)) {
+    const std::string own = "c" + std::to_string(answer.id());
+    EXPECT_EQ(answer.cookie(own), own);
+  }
+  plugin.request(Request("GET", "/last"));
+  const std::string line = "; " + server.requests().back().header("cookie").value_or("") + ";";
+  for (int i = 0; i < requests; ++i) {
+    const std::string own = "c" + std::to_string(i);
+    EXPECT_NE(line.find("; " + own + "=" + own + ";"), std::string::npos) << own;
+  }
+  EXPECT_EQ(std::ranges::count(line, '='), requests + 1) << "and the shared one";
+}
+
 TEST_F(WithoutJarOnTheWire, CookiesAreInTheAnswerButNotSentBack) {
   EXPECT_EQ(set({"sid=abc"}).cookie("sid"), "abc");
   EXPECT_EQ(sent(), std::nullopt);

@@ -67,6 +67,12 @@ TEST(Compression, EmptyInputIsAValidEmptyStream) {
   EXPECT_EQ(inflated(zlib, Poco::InflatingStreamBuf::STREAM_ZLIB), "");
 }
 
+// A zlib stream tells its level in its second byte.
+TEST(Compression, HasTheDefaultLevel) {
+  const std::string zlib = compressed(std::string(1000, 'x'), SupportedMediaType::deflate);
+  EXPECT_TRUE(zlib.starts_with("\x78\x9C"));
+}
+
 TEST(Compression, InputThatTurnsBadIsASeriousError) {
   BreakingBuffer source;
   std::istream input(&source);

@@ -192,6 +192,77 @@ TEST(CertificateTexts, AreWhatRefusedCertificatesSay) {
   }
 }
 
+// --- What may be sent twice ----------------------------------------------------------------------
+
+using test_support::Connection;
+
+void sendRedirect(Connection& connection) {
+  while (const auto request = connection.readRequest()) {
+    const test_support::HeaderList location{{"Location", "/there"}};
+    connection.sendResponse(request->target == "/x" ? 302 : 200, location);
+  }
+}
+
+// What the server does with a connection, by what the table says that happens.
+const std::map<std::string, ScriptedServer::Script>& mishaps() {
+  static const std::map<std::string, ScriptedServer::Script> all{
+      {"the server closes the connection without an answer",
+       [](Connection& connection) { connection.readRequest(); }},
+      {"the connection is reset before the answer",
+       [](Connection& connection) {
+         connection.readRequest();
+         connection.reset();
+       }},
+      {"a time-out, of any kind",
+       [](Connection& connection) {
+         connection.readRequest();
+         connection.awaitPeerClose();
+       }},
+      {"the answer's body breaks off",
+       [](Connection& connection) {
+         connection.readRequest();
+         connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort");
+       }},
+      {"an answer with status 503",
+       [](Connection& connection) {
+         while (connection.readRequest()) connection.sendResponse(503);
+       }},
+      {"a redirect", sendRedirect},
+  };
+  return all;
+}
+
+// How often the request for /x has been tried.
+std::size_t triesAfter(const std::string& mishap) {
+  if (mishap == "the certificate is refused") {
+    CertificateAuthority authority;
+    ScriptedServer server(test_support::TlsOptions{authority.issueSelfSigned()});
+    PluginUnderTest plugin(Config(server.port()).set("tls", true));
+    plugin.request(Request("POST", "/x").body("x"));
+    EXPECT_EQ(server.requestCount(), 0U);
+    return server.connectionCount();
+  }
+  if (mishap == "nobody listens, or the name is unknown") {
+    ScriptedServer server;
+    server.stop();
+    PluginUnderTest plugin{Config(server.port())};
+    plugin.request(Request("POST", "/x").body("x"));
+    return 1 + plugin.log().count("will retry once");
+  }
+  ScriptedServer server(mishaps().at(mishap));
+  PluginUnderTest plugin(Config(server.port()).timeoutSecs(1));
+  plugin.request(Request("POST", "/x").body("x"));
+  return static_cast<std::size_t>(
+      std::ranges::count(server.requests(), "/x", &test_support::RecordedRequest::target));
+}
+
+TEST(TriesTable, CountsHowOftenARequestIsSent) {
+  for (const Row& row : page().table("What may be sent twice").rows) {
+    SCOPED_TRACE(row.place + row.text("what happens"));
+    EXPECT_EQ(std::to_string(triesAfter(row.text("what happens"))), row.text("tries").substr(0, 1));
+  }
+}
+
 // --- Numbers -------------------------------------------------------------------------------------
 
 TEST(SizingTable, FollowsLittlesLaw) {

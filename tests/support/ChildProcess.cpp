@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -60,13 +61,15 @@ std::vector<std::string> environmentWith(const std::vector<std::string>& added) 
 // What posix_spawn does to the child's descriptors and signals.
 class SpawnPlan {
  public:
-  SpawnPlan() {
+  explicit SpawnPlan(bool ownGroup) {
     posix_spawn_file_actions_init(&_actions);
     posix_spawnattr_init(&_attributes);
     sigset_t none;
     sigemptyset(&none);
     posix_spawnattr_setsigmask(&_attributes, &none);
-    posix_spawnattr_setflags(&_attributes, POSIX_SPAWN_SETSIGMASK);
+    posix_spawnattr_setpgroup(&_attributes, 0);
+    const int group = ownGroup ? POSIX_SPAWN_SETPGROUP : 0;
+    posix_spawnattr_setflags(&_attributes, static_cast<short>(POSIX_SPAWN_SETSIGMASK | group));
   }
   ~SpawnPlan() {
     posix_spawn_file_actions_destroy(&_actions);
@@ -101,11 +104,12 @@ std::size_t countOf(std::string_view text, std::string_view part) {
 }  // namespace
 
 ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Options& options)
-    : _name(arguments.at(0)) {
+    : _name(arguments.at(0)), _ownsGroup(options.ownGroup) {
   auto input = makeInput();
   auto output = makePipe();
   auto errors = makePipe();
-  SpawnPlan plan;
+  if (_ownsGroup) ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  SpawnPlan plan(options.ownGroup);
   plan.use(input.read.get(), STDIN_FILENO);
   plan.use(output.write.get(), STDOUT_FILENO);
   plan.use(errors.write.get(), STDERR_FILENO);
@@ -122,10 +126,13 @@ ChildProcess::ChildProcess(const std::vector<std::string>& arguments, const Opti
 
 ChildProcess::~ChildProcess() {
   _input.reset();
+  if (_ownsGroup) ::kill(-_pid, SIGKILL);
   if (running()) {
     ::kill(_pid, SIGKILL);
     reap(0);
   }
+  // Whoever of the group lost its parent has become this process's child.
+  while (_ownsGroup && ::waitpid(-_pid, nullptr, 0) > 0) continue;
   _output.reader.join();
   _errors.reader.join();
 }

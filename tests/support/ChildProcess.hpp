@@ -19,6 +19,7 @@ class ChildProcess {
   struct Options {
     std::vector<std::string> environment;  // "NAME=value", added to the test's own
     std::vector<int> inherited;            // descriptors passed on under their own numbers
+    bool ownGroup = false;  // a process group of its own, which ends as a whole with the object
   };
 
   // arguments[0] is the program's path. Throws std::system_error where it cannot be run.
@@ -59,6 +60,7 @@ class ChildProcess {
   bool reap(int options);
 
   const std::string _name;
+  const bool _ownsGroup;
   Descriptor _input;
   mutable std::mutex _mutex;
   mutable std::condition_variable _changed;

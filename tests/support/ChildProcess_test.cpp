@@ -64,6 +64,19 @@ TEST(ChildProcess, EndsWithItsObject) {
   EXPECT_EQ(::kill(pid, 0), -1);
 }
 
+TEST(ChildProcess, EndsWithItsWholeGroupWhereItHasOne) {
+  pid_t grandchild = 0;
+  {
+    ChildProcess::Options options;
+    options.ownGroup = true;
+    ChildProcess child(shell("sh -c 'echo $$; exec cat' <&0 & exec cat"), options);
+    child.waitForOutput("\n");
+    grandchild = std::stoi(child.output());
+    EXPECT_EQ(::kill(grandchild, 0), 0);
+  }
+  EXPECT_EQ(::kill(grandchild, 0), -1);
+}
+
 TEST(ChildProcess, SaysWhatItWroteInsteadOfWhatWasAwaited) {
   ChildProcess child(shell("echo something else"));
   EXPECT_THROW(child.waitForOutput("awaited"), TimedOut);

@@ -3,7 +3,7 @@
 const SVG = 'http://www.w3.org/2000/svg';
 const MINUTE = 60 * 1000;
 const HEIGHT = 172;
-const MARGIN = {left: 46, right: 10, top: 20, bottom: 22};
+const MARGIN = {left: 46, right: 2, top: 20, bottom: 22};
 // A reference more than this many times above the curves is named instead of drawn.
 const FAR_ABOVE = 5;
 // By window in minutes: the step of the time axis, and of the table.
@@ -49,6 +49,7 @@ class Chart {
     this.#makeLegend();
     this.#makePlot();
     this.#makeTable(onNeeded);
+    this.isInView = true;
     new ResizeObserver(onNeeded).observe(this.plot);
     new IntersectionObserver((entries) => {
       this.isInView = entries.at(-1).isIntersecting;

@@ -24,7 +24,7 @@ function scaleFor(value, unit) {
 }
 
 function digitsFor(scaled) {
-  if (Math.abs(scaled) >= 100) return 0;
+  if (scaled === 0 || Math.abs(scaled) >= 100) return 0;
   return Math.abs(scaled) >= 10 ? 1 : 2;
 }
 

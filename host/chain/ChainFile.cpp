@@ -1,6 +1,7 @@
 #include "host/chain/ChainFile.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cctype>
 #include <cerrno>
 #include <cstring>
@@ -8,6 +9,7 @@
 #include <fstream>
 #include <initializer_list>
 #include <set>
+#include <span>
 #include <sstream>
 #include <string_view>
 #include <unistd.h>
@@ -17,6 +19,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "host/chain/ChainFileError.hpp"
+#include "host/chain/NearestWord.hpp"
 #include "host/chain/YamlValues.hpp"
 
 namespace host {
@@ -31,13 +34,13 @@ class Section {
     refuseRepeatedKeys(_node, _place);
   }
 
-  // Throws unless every key is one of these.
-  void allow(std::initializer_list<std::string_view> keys) const {
+  // Throws unless every key is one of these. `hint` is for a key that is near none of them.
+  void allow(std::initializer_list<std::string_view> keys, const std::string& hint = {}) const {
     for (const auto& entry : _node) {
       const std::string& key = entry.first.Scalar();
-      if (std::find(keys.begin(), keys.end(), key) == keys.end()) {
-        fail(entry.first, path(key), "unknown key");
-      }
+      if (std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
+      const std::string near = didYouMean(key, std::span(keys.begin(), keys.size()));
+      fail(entry.first, path(key), "unknown key" + (near.empty() ? hint : near));
     }
   }
 
@@ -51,12 +54,15 @@ class Section {
   std::optional<PlacedText> optionalText(const std::string& key) const {
     const YAML::Node value = find(key);
     if (!value) return std::nullopt;
-    if (!isYamlText(value)) fail(value, path(key), "must be a text");
+    if (!isYamlText(value)) {
+      fail(value, path(key),
+           value.IsScalar() ? "must be a text: put it in quotes" : "must be a text");
+    }
     if (value.Scalar().empty()) fail(value, path(key), "must not be empty");
     if (value.Scalar().find('\0') != std::string::npos) {
       fail(value, path(key), "must not hold U+0000");
     }
-    return PlacedText{value.Scalar(), yamlLine(value), path(key)};
+    return PlacedText{value.Scalar(), yamlPosition(value), path(key)};
   }
 
   PlacedText text(const std::string& key) const {
@@ -77,7 +83,10 @@ class Section {
     const auto name = optionalText(key);
     if (!name) return absent;
     const auto level = logLevelNamed(name->text);
-    if (!level) fail(find(key), path(key), "must be error, warn, info, debug or trace");
+    if (!level) {
+      fail(find(key), path(key),
+           "must be error, warn, info, debug or trace" + didYouMean(name->text, logLevelNames()));
+    }
     return *level;
   }
 
@@ -94,7 +103,7 @@ class Section {
 
   [[noreturn]] void fail(const YAML::Node& at, const std::string& key,
                          const std::string& text) const {
-    throw ChainFileError(_place.file, yamlLine(at), key, text);
+    throw ChainFileError(_place.file, yamlPosition(at), key, text);
   }
 
  private:
@@ -121,7 +130,10 @@ Codec readCodec(const Section& chain) {
   const auto name = chain.optionalText("codec");
   if (!name) return Codec::Text;
   const auto codec = codecNamed(name->text);
-  if (!codec) chain.fail(chain.find("codec"), name->key, "must be text, json or none");
+  if (!codec) {
+    chain.fail(chain.find("codec"), name->key,
+               "must be text, json or none" + didYouMean(name->text, codecNames()));
+  }
   return *codec;
 }
 
@@ -135,7 +147,8 @@ connectivity::map_t readConfig(const Section& chain) {
 
 ChainDefinition readChain(const Section& chain) {
   chain.allow({"id", "name", "transport", "library", "codec", "assignRequestIds", "config", "input",
-               "output"});
+               "output"},
+              " (what the transport itself is told stands in config)");
   ChainDefinition definition;
   definition.id = chain.text("id").text;
   definition.name = chain.text("name").text;
@@ -192,13 +205,13 @@ std::optional<StatusDefinition> readStatus(const Section& file) {
 YAML::Node loadYaml(const std::string& text, const std::string& path) {
   try {
     std::vector<YAML::Node> documents = YAML::LoadAll(text);
-    if (documents.empty()) throw ChainFileError(path, 1, "chains", "must be given");
+    if (documents.empty()) throw ChainFileError(path, {1, 1}, "chains", "must be given");
     if (documents.size() > 1) {
-      throw ChainFileError(path, yamlLine(documents[1]), "", "a second document");
+      throw ChainFileError(path, yamlPosition(documents[1]), "", "a second document");
     }
     return documents.front();
   } catch (const YAML::Exception& error) {
-    throw ChainFileError(path, error.mark.line + 1, "", "not valid YAML: " + error.msg);
+    throw ChainFileError(path, yamlPosition(error.mark), "", "not valid YAML: " + error.msg);
   }
 }
 
@@ -240,8 +253,8 @@ class FileCheck {
 
  private:
   [[noreturn]] void fail(const PlacedText& at, const std::string& text) const {
-    if (at.line == 0) throw std::runtime_error(at.key + ": " + text);
-    throw ChainFileError(_file.path, at.line, at.key, text);
+    if (at.at.line == 0) throw std::runtime_error(at.key + ": " + text);
+    throw ChainFileError(_file.path, at.at, at.key, text);
   }
 
   void requireReadable(const PlacedText& path) const {
@@ -262,7 +275,7 @@ class FileCheck {
 
   void compare(const ChainDefinition& earlier, const ChainDefinition& later) const {
     if (earlier.id == later.id && earlier.name == later.name) {
-      throw ChainFileError(_file.path, later.transport.line, parentOf(later.transport.key),
+      throw ChainFileError(_file.path, later.transport.at, parentOf(later.transport.key),
                            "another chain has the same id and name");
     }
     if (isStandard(earlier.input) && isStandard(later.input)) {
@@ -291,13 +304,18 @@ class FileCheck {
   static PlacedText blame(const PlacedText& stream, const ChainDefinition& chain,
                           const std::string& name) {
     if (!stream.key.empty()) return stream;
-    return {stream.text, chain.transport.line, parentOf(chain.transport.key) + "." + name};
+    return {stream.text, chain.transport.at, parentOf(chain.transport.key) + "." + name};
   }
 
   const ChainFile& _file;
 };
 
 }  // namespace
+
+std::span<const std::string_view> logLevelNames() {
+  static constexpr std::array<std::string_view, 5> names{"error", "warn", "info", "debug", "trace"};
+  return names;
+}
 
 std::optional<int> logLevelNamed(const std::string& name) {
   static const std::map<std::string, int> levels{{"error", QOR_LOG_ERROR},
@@ -326,7 +344,7 @@ ChainFile readChainFile(const std::string& path) {
   std::ifstream stream(path, std::ios::binary);
   if (!stream || std::filesystem::is_directory(path)) {
     const std::string reason = stream ? "it is a directory" : std::strerror(errno);
-    throw ChainFileError(path, 0, "", "cannot read the chain file: " + reason);
+    throw ChainFileError(path, {}, "", "cannot read the chain file: " + reason);
   }
   std::ostringstream text;
   text << stream.rdbuf();

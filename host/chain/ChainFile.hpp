@@ -18,15 +18,19 @@
 //     address: 127.0.0.1         text
 //
 // Relative paths are relative to the directory that the program runs in. Every error is a
-// ChainFileError, whose text names the file, the line and the key.
+// ChainFileError, whose text names the file, the line and column, the key and, for a word that is
+// not known, the nearest that is.
 #pragma once
 
 #include <map>
 #include <optional>
+#include <span>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "connectivity/data_t.hpp"
+#include "host/chain/ChainFileError.hpp"
 #include "host/messages/PayloadCodec.hpp"
 
 namespace host {
@@ -34,7 +38,7 @@ namespace host {
 // A text of the chain file and the place to name when it turns out to be wrong.
 struct PlacedText {
   std::string text;
-  int line = 0;
+  FilePosition at;
   std::string key;
 };
 
@@ -46,8 +50,8 @@ struct ChainDefinition {
   Codec codec = Codec::Text;
   bool assignRequestIds = true;
   connectivity::map_t config;
-  PlacedText input{"-", 0, ""};
-  PlacedText output{"-", 0, ""};
+  PlacedText input{"-", {}, ""};
+  PlacedText output{"-", {}, ""};
 };
 
 struct LogDefinition {
@@ -67,6 +71,8 @@ struct ChainFile {
   std::optional<StatusDefinition> status;
 };
 
+// The names of the levels of the log, the one that logs least first.
+std::span<const std::string_view> logLevelNames();
 // The level of that name, or nothing.
 std::optional<int> logLevelNamed(const std::string& name);
 
@@ -76,7 +82,7 @@ ChainFile parseChainFile(const std::string& text, const std::string& path);
 
 // Refuses what cannot run together or is not there: chains that share an identity, a standard
 // stream or an output file, an output that is somebody's input, and input and library files that
-// cannot be read. A text whose `line` is 0 (it came from the command line) is named by its key.
+// cannot be read. A text without a position (it came from the command line) is named by its key.
 void checkFiles(const ChainFile& file);
 
 }  // namespace host

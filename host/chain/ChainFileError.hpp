@@ -6,13 +6,24 @@
 
 namespace host {
 
-// what() is "FILE:LINE: KEY: text"; without a line (0) or a key, those parts are missing. Lines
-// count from 1.
+// Counted from 1; 0: unknown.
+struct FilePosition {
+  int line = 0;
+  int column = 0;
+};
+
+// what() is "FILE:LINE:COLUMN: KEY: text"; without a position or a key, those parts are missing.
 class ChainFileError : public std::runtime_error {
  public:
-  ChainFileError(const std::string& file, int line, const std::string& key, const std::string& text)
-      : std::runtime_error(file + (line > 0 ? ":" + std::to_string(line) : "") + ": " +
-                           (key.empty() ? "" : key + ": ") + text) {}
+  ChainFileError(const std::string& file, FilePosition at, const std::string& key,
+                 const std::string& text)
+      : std::runtime_error(file + describe(at) + ": " + (key.empty() ? "" : key + ": ") + text) {}
+
+ private:
+  static std::string describe(FilePosition at) {
+    if (at.line == 0) return {};
+    return ":" + std::to_string(at.line) + ":" + std::to_string(at.column);
+  }
 };
 
 }  // namespace host

@@ -1,7 +1,9 @@
 #include "host/chain/PluginLibrary.hpp"
 
+#include <cstddef>
 #include <dlfcn.h>
 #include <filesystem>
+#include <new>
 #include <stdexcept>
 #include <vector>
 
@@ -35,6 +37,34 @@ std::vector<std::string> candidates(const std::string& transport,
   return all;
 }
 
+// The folders that the loader searches for a name without a slash.
+std::vector<std::string> loaderFolders() {
+  void* program = ::dlopen(nullptr, RTLD_NOW);
+  Dl_serinfo size{};
+  if (program == nullptr || ::dlinfo(program, RTLD_DI_SERINFOSIZE, &size) != 0) return {};
+  std::vector<std::max_align_t> memory(size.dls_size / sizeof(std::max_align_t) + 1);
+  auto* info = new (memory.data()) Dl_serinfo(size);
+  std::vector<std::string> folders;
+  if (::dlinfo(program, RTLD_DI_SERINFO, info) == 0) {
+    const Dl_serpath* paths = &info->dls_serpath[0];
+    for (unsigned i = 0; i < info->dls_cnt; ++i) folders.emplace_back(paths[i].dls_name);
+  }
+  ::dlclose(program);
+  return folders;
+}
+
+// A candidate, and for a bare name where it was looked for.
+std::string placeOf(const std::string& candidate) {
+  std::string place = candidate;
+  if (candidate.find('/') != std::string::npos) return place;
+  const char* between = " in ";
+  for (const std::string& folder : loaderFolders()) {
+    place.append(between).append(folder);
+    between = ", ";
+  }
+  return place;
+}
+
 std::string lastLoaderError() {
   const char* error = ::dlerror();
   return error == nullptr ? "unknown error" : error;
@@ -62,9 +92,11 @@ void PluginLibrary::open(const std::string& transport, const std::optional<std::
       _path = candidate;
       return;
     }
-    tried += (tried.empty() ? "" : "; ") + candidate + " (" + lastLoaderError() + ")";
+    const std::string error = lastLoaderError();
+    tried += (tried.empty() ? "" : "; ") + placeOf(candidate) + " (" + error + ")";
   }
-  throw std::runtime_error("cannot load the transport " + transport + ", tried " + tried);
+  const char* hint = file ? "" : "; \"library\" in the chain file can name the file";
+  throw std::runtime_error("cannot load the transport " + transport + ", tried " + tried + hint);
 }
 
 template <typename Function>

@@ -15,9 +15,9 @@ class PluginLibrary {
   // Loads the transport of that name: from `file`; or, without one, lib<transport>.so from the
   // directory ../lib beside the running program; where there is none, from the directory where
   // transports are installed (orrery/ in the library directory of the program's own prefix); or
-  // else from the loader's path. std::runtime_error names every file that was tried and why it
-  // would not do: not found, an entry point that is missing, another interface version, no
-  // transport.
+  // else from the loader's path. std::runtime_error names every file that was tried (for the
+  // loader's path its folders too) and why it would not do: not found, an entry point that is
+  // missing, another interface version, no transport.
   PluginLibrary(const std::string& transport, const std::optional<std::string>& file);
   ~PluginLibrary();
   PluginLibrary(const PluginLibrary&) = delete;

@@ -10,8 +10,6 @@
 #include <string_view>
 #include <utility>
 
-#include "host/chain/ChainFileError.hpp"
-
 namespace host {
 
 using connectivity::data_t;
@@ -130,7 +128,7 @@ std::optional<data_t> scalarValue(const YAML::Node& node) {
 data_t scalar(const YAML::Node& node, const YamlPlace& place) {
   if (auto value = scalarValue(node)) return std::move(*value);
   if (node.Scalar().find('\0') != std::string::npos) {
-    throw ChainFileError(place.file, yamlLine(node), place.key, "a text holds U+0000");
+    throw ChainFileError(place.file, yamlPosition(node), place.key, "a text holds U+0000");
   }
   return data_t(node.Scalar());
 }
@@ -157,7 +155,10 @@ data_t mapping(const YAML::Node& node, const YamlPlace& place) {
 
 }  // namespace
 
-int yamlLine(const YAML::Node& node) { return node.Mark().line + 1; }
+FilePosition yamlPosition(const YAML::Mark& mark) {
+  if (mark.is_null()) return {};
+  return {mark.line + 1, mark.column + 1};
+}
 
 bool isYamlText(const YAML::Node& node) { return node.IsScalar() && !scalarValue(node); }
 
@@ -165,19 +166,20 @@ void refuseRepeatedKeys(const YAML::Node& map, const YamlPlace& place) {
   std::set<std::string> seen;
   for (const auto& entry : map) {
     if (!entry.first.IsScalar()) {
-      throw ChainFileError(place.file, yamlLine(entry.first), place.key, "a key must be a text");
+      throw ChainFileError(place.file, yamlPosition(entry.first), place.key,
+                           "a key must be a text");
     }
     const std::string& key = entry.first.Scalar();
     if (!seen.insert(key).second) {
       const std::string path = place.key.empty() ? key : place.key + "." + key;
-      throw ChainFileError(place.file, yamlLine(entry.first), path, "the key stands twice");
+      throw ChainFileError(place.file, yamlPosition(entry.first), path, "the key stands twice");
     }
   }
 }
 
 data_t yamlValue(const YAML::Node& node, const YamlPlace& place) {
   if (place.depth > maxDepth) {
-    throw ChainFileError(place.file, yamlLine(node), "", "more than 200 levels");
+    throw ChainFileError(place.file, yamlPosition(node), "", "more than 200 levels");
   }
   switch (node.Type()) {
     case YAML::NodeType::Scalar:

@@ -12,6 +12,7 @@
 #include <yaml-cpp/yaml.h>
 
 #include "connectivity/data_t.hpp"
+#include "host/chain/ChainFileError.hpp"
 
 namespace host {
 
@@ -22,8 +23,8 @@ struct YamlPlace {
   int depth = 0;    // levels above the node
 };
 
-// The line of a node, counted from 1.
-int yamlLine(const YAML::Node& node);
+FilePosition yamlPosition(const YAML::Mark& mark);
+inline FilePosition yamlPosition(const YAML::Node& node) { return yamlPosition(node.Mark()); }
 
 // ChainFileError: a repeated key, a key that is no scalar, text with U+0000, more than 200 levels
 // (an alias may lead back to a list or a map that holds it).

@@ -8,6 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "host/chain/ChainFile.hpp"
+#include "host/chain/NearestWord.hpp"
 
 namespace host {
 
@@ -125,7 +126,8 @@ void addLogLevel(CLI::App& command, std::optional<int>& level) {
           "Log this much: " + levelNames)
       ->type_name("LEVEL")
       ->check([](const std::string& name) {
-        return logLevelNamed(name) ? std::string() : name + " must be one of " + levelNames;
+        if (logLevelNamed(name)) return std::string();
+        return name + " must be one of " + levelNames + didYouMean(name, logLevelNames());
       });
 }
 

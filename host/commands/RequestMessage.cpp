@@ -2,11 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <string_view>
 #include <utility>
 
+#include <Poco/String.h>
+
 #include "connectivity/value_access.hpp"
+#include "host/chain/NearestWord.hpp"
 #include "host/commands/RequestFields.hpp"
 #include "host/commands/RequestUrl.hpp"
 #include "host/commands/UsageError.hpp"
@@ -22,22 +24,10 @@ namespace {
 
 constexpr std::array<std::string_view, 6> methods{"GET", "PUT", "POST", "DELETE", "HEAD", "TRACE"};
 
-std::string inCase(std::string_view text, int (*change)(int)) {
-  std::string changed(text);
-  std::transform(changed.begin(), changed.end(), changed.begin(),
-                 [change](unsigned char c) { return static_cast<char>(change(c)); });
-  return changed;
-}
-
-bool isMethod(std::string_view text) {
-  return std::find(methods.begin(), methods.end(), text) != methods.end();
-}
-
 std::string checkedMethod(const std::string& method) {
-  if (isMethod(method)) return method;
-  const std::string upper = inCase(method, &std::toupper);
+  if (std::find(methods.begin(), methods.end(), method) != methods.end()) return method;
   throw UsageError("METHOD " + method + ": must be GET, PUT, POST, DELETE, HEAD or TRACE" +
-                   (isMethod(upper) ? " (did you mean " + upper + "?)" : ""));
+                   didYouMean(method, methods));
 }
 
 // Puts a value in place of what is under the key.
@@ -102,9 +92,9 @@ map_t configFrom(const RequestOptions& options, const RequestUrl& url) {
 // --- The message ---------------------------------------------------------------------------------
 
 const data_t* findHeader(const map_t& headers, const std::string& name) {
-  const std::string lower = inCase(name, &std::tolower);
+  const std::string lower = Poco::toLower(name);
   for (auto header = headers.begin(); !header.atEnd(); ++header) {
-    if (inCase(header.key().text(), &std::tolower) == lower) return &header.key();
+    if (Poco::toLower(std::string(header.key().text())) == lower) return &header.key();
   }
   return nullptr;
 }
@@ -114,7 +104,7 @@ void addHeader(map_t& headers, const std::string& name, const std::string& value
   const data_t* present = findHeader(headers, name);
   if (present == nullptr) return put(headers, name, data_t(value));
   data_t& first = *headers.findText(present->text());
-  const char* between = inCase(name, &std::tolower) == "cookie" ? "; " : ", ";
+  const char* between = Poco::toLower(name) == "cookie" ? "; " : ", ";
   first = data_t(first.text() + (between + value));
 }
 

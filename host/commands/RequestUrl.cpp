@@ -6,6 +6,8 @@
 #include <charconv>
 #include <utility>
 
+#include <Poco/String.h>
+
 #include "host/commands/UsageError.hpp"
 
 namespace host {
@@ -22,14 +24,6 @@ std::string shown(std::string_view text) {
   const auto at = text.substr(begin, end - begin).rfind('@');
   if (at == std::string_view::npos) return std::string(text);
   return std::string(text.substr(0, begin)).append(text.substr(begin + at + 1));
-}
-
-std::string lowerCase(std::string_view text) {
-  std::string lower(text);
-  for (char& c : lower) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
-  return lower;
 }
 
 bool isControl(char character) {
@@ -66,7 +60,7 @@ class UrlReader {
   std::string takeScheme() {
     const auto end = _text.find(schemeEnd, _at);
     if (end == std::string_view::npos || _text.find_first_of("/?#") < end) return {};
-    std::string scheme = lowerCase(_text.substr(0, end));
+    std::string scheme = Poco::toLower(std::string(_text.substr(0, end)));
     _at = end + schemeEnd.size();
     return scheme;
   }

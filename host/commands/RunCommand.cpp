@@ -29,6 +29,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 constexpr int progressIntervalMilliseconds = 250;
+constexpr int logIntervalMilliseconds = 1000;
 
 // The chain file with what the command line says in its place.
 ChainFile readOptions(const RunOptions& options) {
@@ -36,8 +37,8 @@ ChainFile readOptions(const RunOptions& options) {
   if ((options.input || options.output) && file.chains.size() > 1) {
     throw UsageError("--input and --output need a chain file with one chain");
   }
-  if (options.input) file.chains.front().input = {*options.input, 0, "--input"};
-  if (options.output) file.chains.front().output = {*options.output, 0, "--output"};
+  if (options.input) file.chains.front().input = {*options.input, {}, "--input"};
+  if (options.output) file.chains.front().output = {*options.output, {}, "--output"};
   if (options.statusPort) {
     if (!file.status) file.status.emplace();
     file.status->port = *options.statusPort;
@@ -139,7 +140,9 @@ class Run {
     std::array<pollfd, 2> waiting{
         {{_signals.descriptor(), POLLIN, 0}, {_allEnded.descriptor(), POLLIN, 0}}};
     while (!_allEnded.isSet()) {
-      ::poll(waiting.data(), waiting.size(), showsProgress ? progressIntervalMilliseconds : -1);
+      ::poll(waiting.data(), waiting.size(),
+             showsProgress ? progressIntervalMilliseconds : logIntervalMilliseconds);
+      _log.writeOverdue();
       if (_signals.take()) onSignal();
       if (showsProgress) _log.showProgress(progressLine(allCounts(), Clock::now() - begin));
     }

@@ -5,10 +5,12 @@
 #include <mutex>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 #include <spdlog/details/log_msg.h>
 #include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/base_sink.h>
+
+#include "host/log/RepeatedLines.hpp"
 
 namespace host {
 
@@ -80,32 +82,49 @@ std::string escaped(std::string_view text) {
 }  // namespace
 
 // Standard error. What cannot be written there is lost: there is nowhere to say so.
-class HostLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
+class HostLog::Sink {
  public:
-  Sink() : base_sink(makeFormatter()) {}
+  void take(LogLine line) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    line.time = std::chrono::system_clock::now();
+    putLines(_repeated.take(line));
+  }
+
+  void writeOverdue() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    putLines(_repeated.overdue(std::chrono::system_clock::now()));
+  }
+
+  void writeRest() {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    putLines(_repeated.rest(std::chrono::system_clock::now()));
+  }
+
+  void writeRaw(std::string_view line) {
+    const std::lock_guard<std::mutex> lock(_mutex);
+    putLines(_repeated.rest(std::chrono::system_clock::now()));
+    putLine(std::string(line) + "\n");
+  }
 
   void showProgress(const std::string& text) {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard<std::mutex> lock(_mutex);
     if (text.empty() && _progress.empty()) return;
     _progress = text;
     put(clearLine + _progress);
   }
 
-  void writeLine(std::string_view line) {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    putLine(std::string(line) + "\n");
-  }
-
- protected:
-  void sink_it_(const spdlog::details::log_msg& message) override {
-    spdlog::memory_buf_t line;
-    formatter_->format(message, line);
-    putLine(std::string(line.data(), line.size()));
-  }
-  void flush_() override {}
-
  private:
   inline static const std::string clearLine = "\r\x1b[K";
+
+  void putLines(const std::vector<LogLine>& lines) {
+    for (const LogLine& line : lines) {
+      spdlog::memory_buf_t text;
+      _formatter->format(
+          spdlog::details::log_msg(line.time, {}, line.category, levelFor(line.level), line.text),
+          text);
+      putLine(std::string(text.data(), text.size()));
+    }
+  }
 
   void putLine(const std::string& line) {
     put(_progress.empty() ? line : clearLine + line + _progress);
@@ -119,20 +138,25 @@ class HostLog::Sink : public spdlog::sinks::base_sink<std::mutex> {
     }
   }
 
-  std::string _progress;  // guarded by the base's mutex
+  std::mutex _mutex;
+  // Below: guarded by _mutex.
+  const std::unique_ptr<spdlog::formatter> _formatter = makeFormatter();
+  RepeatedLines _repeated;
+  std::string _progress;
 };
 
 HostLog::HostLog(int level, std::map<std::string, int> levels)
     : _level(level),
       _levels(std::move(levels)),
       _services{this, &HostLog::levelOf, &HostLog::write},
-      _sink(std::make_shared<Sink>()) {
+      _sink(std::make_unique<Sink>()) {
   qor_set_log_services(&_services);
 }
 
 HostLog::~HostLog() {
   qor_set_log_services(nullptr);
   showProgress({});
+  _sink->writeRest();
 }
 
 int HostLog::levelOf(std::string_view category) const {
@@ -147,11 +171,12 @@ int HostLog::levelOf(std::string_view category) const {
 
 void HostLog::write(const std::string& category, int level, std::string_view text) {
   if (level > levelOf(category)) return;
-  const std::string line = escaped(text);
-  _sink->log(spdlog::details::log_msg(category, levelFor(level), line));
+  _sink->take({category, level, escaped(text), {}});
 }
 
-void HostLog::writeRaw(std::string_view line) { _sink->writeLine(line); }
+void HostLog::writeRaw(std::string_view line) { _sink->writeRaw(line); }
+
+void HostLog::writeOverdue() { _sink->writeOverdue(); }
 
 void HostLog::showProgress(const std::string& text) { _sink->showProgress(text); }
 

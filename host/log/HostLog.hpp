@@ -28,7 +28,8 @@ class HostLog {
   HostLog& operator=(const HostLog&) = delete;
 
   int levelOf(std::string_view category) const;
-  // Writes the line if the category's level allows it.
+  // Writes the line if the category's level allows it; one that repeats another is held back and
+  // counted (RepeatedLines.hpp).
   void write(const std::string& category, int level, std::string_view text);
   void error(std::string_view text) { write(ownCategory, QOR_LOG_ERROR, text); }
   void warn(std::string_view text) { write(ownCategory, QOR_LOG_WARN, text); }
@@ -36,6 +37,8 @@ class HostLog {
 
   // Writes a line of another form, whatever the level.
   void writeRaw(std::string_view line);
+  // Writes the counts that are due although no line comes. To be called about once a second.
+  void writeOverdue();
 
   // Shows the text below the log, in place of what it showed before; empty: nothing. For terminals.
   void showProgress(const std::string& text);
@@ -48,7 +51,7 @@ class HostLog {
   const int _level;
   const std::map<std::string, int> _levels;
   const qor_log_services_t _services;
-  const std::shared_ptr<Sink> _sink;
+  const std::unique_ptr<Sink> _sink;
 };
 
 }  // namespace host

@@ -1,6 +1,7 @@
 #include "host/messages/PayloadCodec.hpp"
 
 #include <algorithm>
+#include <array>
 #include <string>
 
 #include "connectivity/value_access.hpp"
@@ -102,6 +103,11 @@ void encodeAsJson(Message& request) {
 }
 
 }  // namespace
+
+std::span<const std::string_view> codecNames() {
+  static constexpr std::array<std::string_view, 3> names{"text", "json", "none"};
+  return names;
+}
 
 std::optional<Codec> codecNamed(std::string_view name) {
   if (name == "text") return Codec::Text;

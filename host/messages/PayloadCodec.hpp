@@ -12,6 +12,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string_view>
 
 #include "connectivity/data_t.hpp"
@@ -22,6 +23,7 @@ namespace host {
 
 enum class Codec { Text, Json, None };
 
+std::span<const std::string_view> codecNames();
 // The codec of that name, as the chain file has it.
 std::optional<Codec> codecNamed(std::string_view name);
 

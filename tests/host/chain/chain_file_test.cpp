@@ -82,63 +82,79 @@ TEST(ChainFile, StatusListensOnTheLoopbackAddressUnlessToldOtherwise) {
   EXPECT_EQ(parseChainFile(chainHead + "status: {port: 1}\n", "x").status->address, "127.0.0.1");
 }
 
-TEST(ChainFile, NamesFileLineAndKeyOfAnUnknownKey) {
-  EXPECT_EQ(errorOf(chainHead + "    codek: text\n"), "x.yaml:5: chains[0].codek: unknown key");
-  EXPECT_EQ(errorOf(chainHead + "logs: {}\n"), "x.yaml:5: logs: unknown key");
-  EXPECT_EQ(errorOf(chainHead + "log:\n  levle: info\n"), "x.yaml:6: log.levle: unknown key");
+TEST(ChainFile, NamesPlaceAndKeyOfAnUnknownKeyAndTheNearestRightOne) {
+  EXPECT_EQ(errorOf(chainHead + "    codek: text\n"),
+            "x.yaml:5:5: chains[0].codek: unknown key (did you mean \"codec\"?)");
+  EXPECT_EQ(errorOf(chainHead + "    host: localhost\n"),
+            "x.yaml:5:5: chains[0].host: unknown key (what the transport itself is told stands in "
+            "config)");
+  EXPECT_EQ(errorOf(chainHead + "colours: {}\n"), "x.yaml:5:1: colours: unknown key");
+  EXPECT_EQ(errorOf(chainHead + "logs: {}\n"),
+            "x.yaml:5:1: logs: unknown key (did you mean \"log\"?)");
+  EXPECT_EQ(errorOf(chainHead + "log:\n  levle: info\n"),
+            "x.yaml:6:3: log.levle: unknown key (did you mean \"level\"?)");
   EXPECT_EQ(errorOf(chainHead + "status: {port: 1, adress: x}\n"),
-            "x.yaml:5: status.adress: unknown key");
+            "x.yaml:5:19: status.adress: unknown key (did you mean \"address\"?)");
 }
 
-TEST(ChainFile, NamesFileLineAndKeyOfAWrongType) {
-  EXPECT_EQ(errorOf("chains: 5\n"), "x.yaml:1: chains: must be a list");
-  EXPECT_EQ(errorOf("chains: []\n"), "x.yaml:1: chains: must hold a chain");
-  EXPECT_EQ(errorOf("chains:\n  - 7\n"), "x.yaml:2: chains[0]: must be a map");
-  EXPECT_EQ(errorOf("chains:\n  - id: [1]\n"), "x.yaml:2: chains[0].id: must be a text");
-  EXPECT_EQ(errorOf("chains:\n  - id: 12\n"), "x.yaml:2: chains[0].id: must be a text");
-  EXPECT_EQ(errorOf("chains:\n  - id: \"\"\n"), "x.yaml:2: chains[0].id: must not be empty");
+TEST(ChainFile, NamesPlaceAndKeyOfAWrongType) {
+  EXPECT_EQ(errorOf("chains: 5\n"), "x.yaml:1:9: chains: must be a list");
+  EXPECT_EQ(errorOf("chains: []\n"), "x.yaml:1:9: chains: must hold a chain");
+  EXPECT_EQ(errorOf("chains:\n  - 7\n"), "x.yaml:2:5: chains[0]: must be a map");
+  EXPECT_EQ(errorOf("chains:\n  - id: [1]\n"), "x.yaml:2:9: chains[0].id: must be a text");
+  EXPECT_EQ(errorOf("chains:\n  - id: 12\n"),
+            "x.yaml:2:9: chains[0].id: must be a text: put it in quotes");
+  EXPECT_EQ(errorOf("chains:\n  - id: \"\"\n"), "x.yaml:2:9: chains[0].id: must not be empty");
   EXPECT_EQ(errorOf(chainHead + "    codec: xml\n"),
-            "x.yaml:5: chains[0].codec: must be text, json or none");
+            "x.yaml:5:12: chains[0].codec: must be text, json or none");
+  EXPECT_EQ(errorOf(chainHead + "    codec: JSON\n"),
+            "x.yaml:5:12: chains[0].codec: must be text, json or none (did you mean \"json\"?)");
+  EXPECT_EQ(errorOf(chainHead + "log: {level: warning}\n"),
+            "x.yaml:5:14: log.level: must be error, warn, info, debug or trace (did you mean "
+            "\"warn\"?)");
   EXPECT_EQ(errorOf(chainHead + "    assignRequestIds: maybe\n"),
-            "x.yaml:5: chains[0].assignRequestIds: must be true or false");
-  EXPECT_EQ(errorOf(chainHead + "    config: [1]\n"), "x.yaml:5: chains[0].config: must be a map");
-  EXPECT_EQ(errorOf(chainHead + "    input: {}\n"), "x.yaml:5: chains[0].input: must be a text");
-  EXPECT_EQ(errorOf(chainHead + "log: info\n"), "x.yaml:5: log: must be a map");
+            "x.yaml:5:23: chains[0].assignRequestIds: must be true or false");
+  EXPECT_EQ(errorOf(chainHead + "    config: [1]\n"),
+            "x.yaml:5:13: chains[0].config: must be a map");
+  EXPECT_EQ(errorOf(chainHead + "    input: {}\n"), "x.yaml:5:12: chains[0].input: must be a text");
+  EXPECT_EQ(errorOf(chainHead + "log: info\n"), "x.yaml:5:6: log: must be a map");
   EXPECT_EQ(errorOf(chainHead + "log: {level: loud}\n"),
-            "x.yaml:5: log.level: must be error, warn, info, debug or trace");
+            "x.yaml:5:14: log.level: must be error, warn, info, debug or trace");
   EXPECT_EQ(errorOf(chainHead + "log: {levels: {a: 5}}\n"),
-            "x.yaml:5: log.levels.a: must be a text");
+            "x.yaml:5:19: log.levels.a: must be a text: put it in quotes");
   EXPECT_EQ(errorOf(chainHead + "status: {port: 65536}\n"),
-            "x.yaml:5: status.port: must be an integer between 0 and 65535");
+            "x.yaml:5:16: status.port: must be an integer between 0 and 65535");
   EXPECT_EQ(errorOf(chainHead + "status: {port: http}\n"),
-            "x.yaml:5: status.port: must be an integer between 0 and 65535");
+            "x.yaml:5:16: status.port: must be an integer between 0 and 65535");
 }
 
 TEST(ChainFile, NamesWhatIsMissing) {
-  EXPECT_EQ(errorOf(""), "x.yaml:1: chains: must be given");
-  EXPECT_EQ(errorOf("log: {}\n"), "x.yaml:1: chains: must be given");
+  EXPECT_EQ(errorOf(""), "x.yaml:1:1: chains: must be given");
+  EXPECT_EQ(errorOf("log: {}\n"), "x.yaml:1:1: chains: must be given");
   EXPECT_EQ(errorOf("chains:\n  - name: a\n    transport: T\n"),
-            "x.yaml:2: chains[0].id: must be given");
+            "x.yaml:2:5: chains[0].id: must be given");
   EXPECT_EQ(errorOf("chains:\n  - id: a\n    name: a\n"),
-            "x.yaml:2: chains[0].transport: must be given");
-  EXPECT_EQ(errorOf(chainHead + "status: {}\n"), "x.yaml:5: status.port: must be given");
+            "x.yaml:2:5: chains[0].transport: must be given");
+  EXPECT_EQ(errorOf(chainHead + "status: {}\n"), "x.yaml:5:9: status.port: must be given");
 }
 
 TEST(ChainFile, RefusesATransportWhoseNameCannotEndASymbol) {
   EXPECT_EQ(
       errorOf("chains:\n  - id: a\n    name: b\n    transport: ../evil\n"),
-      "x.yaml:4: chains[0].transport: must be the name of a transport: letters, digits and _");
+      "x.yaml:4:16: chains[0].transport: must be the name of a transport: letters, digits and _");
 }
 
 TEST(ChainFile, NamesTheLineWhereItIsNotYaml) {
-  EXPECT_EQ(errorOf(chainHead + "    config: {a: [}\n").substr(0, 25), "x.yaml:5: not valid YAML:");
+  EXPECT_EQ(errorOf(chainHead + "    config: {a: [}\n").substr(0, 28),
+            "x.yaml:5:18: not valid YAML:");
   EXPECT_EQ(errorOf(chainHead + "---\nchains: []\n").substr(0, 7), "x.yaml:");
 }
 
 TEST(ChainFile, RefusesAKeyThatStandsTwice) {
-  EXPECT_EQ(errorOf(chainHead + "    id: again\n"), "x.yaml:5: chains[0].id: the key stands twice");
+  EXPECT_EQ(errorOf(chainHead + "    id: again\n"),
+            "x.yaml:5:5: chains[0].id: the key stands twice");
   EXPECT_EQ(errorOf(chainHead + "    config:\n      a: {b: 1, b: 2}\n"),
-            "x.yaml:6: chains[0].config.a.b: the key stands twice");
+            "x.yaml:6:17: chains[0].config.a.b: the key stands twice");
 }
 
 TEST(ChainFile, AMissingFileIsAnErrorThatNamesIt) {
@@ -222,35 +238,36 @@ TEST_F(ChainFiles, OneChainMayUseBothStandardStreams) {
 TEST_F(ChainFiles, AMissingInputIsAnErrorThatNamesFileLineAndKey) {
   const std::string input = _directory.file("none");
   EXPECT_EQ(errorOfFiles(chain("a", "    input: " + input + "\n")),
-            "x.yaml:5: chains[0].input: cannot read " + input + ": No such file or directory");
+            "x.yaml:5:12: chains[0].input: cannot read " + input + ": No such file or directory");
 }
 
 TEST_F(ChainFiles, AMissingLibraryIsAnErrorThatNamesFileLineAndKey) {
   const std::string library = _directory.file("none.so");
-  EXPECT_EQ(errorOfFiles(chain("a", "    library: " + library + "\n")),
-            "x.yaml:5: chains[0].library: cannot read " + library + ": No such file or directory");
+  EXPECT_EQ(
+      errorOfFiles(chain("a", "    library: " + library + "\n")),
+      "x.yaml:5:14: chains[0].library: cannot read " + library + ": No such file or directory");
 }
 
 TEST_F(ChainFiles, AnOutputNeedsItsDirectory) {
   const std::string output = _directory.file("none/out");
   EXPECT_EQ(errorOfFiles(chain("a", "    output: " + output + "\n")),
-            "x.yaml:5: chains[0].output: there is no directory " + _directory.file("none"));
+            "x.yaml:5:13: chains[0].output: there is no directory " + _directory.file("none"));
   EXPECT_EQ(errorOfFiles(chain("a", "    output: " + _directory.path().string() + "\n")),
-            "x.yaml:5: chains[0].output: " + _directory.path().string() + " is a directory");
+            "x.yaml:5:13: chains[0].output: " + _directory.path().string() + " is a directory");
 }
 
 TEST_F(ChainFiles, TwoChainsMayNotShareStandardInput) {
   const std::string output = "    output: " + _directory.file("out") + "\n";
   EXPECT_EQ(errorOfFiles(chain("a", "") + chain("b", output)),
-            "x.yaml:7: chains[1].input: two chains cannot share standard input");
+            "x.yaml:7:16: chains[1].input: two chains cannot share standard input");
   EXPECT_EQ(errorOfFiles(chain("a", "    input: \"-\"\n") + chain("b", "    input: \"-\"\n")),
-            "x.yaml:9: chains[1].input: two chains cannot share standard input");
+            "x.yaml:9:12: chains[1].input: two chains cannot share standard input");
 }
 
 TEST_F(ChainFiles, TwoChainsMayNotShareStandardOutput) {
   const std::string input = "    input: " + _directory.write("in", "") + "\n";
   EXPECT_EQ(errorOfFiles(chain("a", "") + chain("b", input)),
-            "x.yaml:7: chains[1].output: two chains cannot share standard output");
+            "x.yaml:7:16: chains[1].output: two chains cannot share standard output");
 }
 
 TEST_F(ChainFiles, TwoChainsMayNotWriteOneFileButMayShareADevice) {
@@ -261,7 +278,7 @@ TEST_F(ChainFiles, TwoChainsMayNotWriteOneFileButMayShareADevice) {
            chain("b", input + "    output: " + second + "\n");
   };
   EXPECT_EQ(errorOfFiles(both(output, _directory.path().string() + "/./out")),
-            "x.yaml:11: chains[1].output: two chains cannot share the output " +
+            "x.yaml:11:13: chains[1].output: two chains cannot share the output " +
                 _directory.path().string() + "/./out");
   EXPECT_EQ(errorOfFiles(both("/dev/null", "/dev/null")), "");
   EXPECT_EQ(errorOfFiles(both(output, output + "2")), "");
@@ -270,13 +287,13 @@ TEST_F(ChainFiles, TwoChainsMayNotWriteOneFileButMayShareADevice) {
 TEST_F(ChainFiles, AnOutputMayNotReplaceAnInput) {
   const std::string file = _directory.write("both", "");
   EXPECT_EQ(errorOfFiles(chain("a", "    input: " + file + "\n    output: " + file + "\n")),
-            "x.yaml:6: chains[0].output: " + file + " is also an input");
+            "x.yaml:6:13: chains[0].output: " + file + " is also an input");
 }
 
 TEST_F(ChainFiles, TwoChainsMayNotHaveOneIdentity) {
   const std::string streams = "    input: /dev/null\n    output: /dev/null\n";
   EXPECT_EQ(errorOfFiles(chain("a", streams) + chain("a", streams)),
-            "x.yaml:9: chains[1]: another chain has the same id and name");
+            "x.yaml:9:16: chains[1]: another chain has the same id and name");
 }
 
 }  // namespace

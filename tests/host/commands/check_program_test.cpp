@@ -49,8 +49,8 @@ TEST(Check, NamesFileLineAndKeyOfWhatIsWrong) {
   const EchoChainFile chain("    codek: json\n");
   HostProgram program({"check", chain.path()});
   EXPECT_EQ(program.finish(), 1);
-  EXPECT_EQ(program.errors(),
-            "orrery-host: " + chain.path() + ":6: chains[0].codek: unknown key\n");
+  EXPECT_EQ(program.errors(), "orrery-host: " + chain.path() +
+                                  ":6:5: chains[0].codek: unknown key (did you mean \"codec\"?)\n");
 }
 
 TEST(Check, ListsWhatWasTriedForATransportThatIsNotThere) {
@@ -60,7 +60,9 @@ TEST(Check, ListsWhatWasTriedForATransportThatIsNotThere) {
                                                 "    transport: NoSuchTransport\n")});
   EXPECT_EQ(program.finish(), 1);
   EXPECT_THAT(program.errors(), HasSubstr("/lib/libNoSuchTransport.so ("));
-  EXPECT_THAT(program.errors(), HasSubstr("; libNoSuchTransport.so ("));
+  EXPECT_THAT(program.errors(), HasSubstr("; libNoSuchTransport.so in "));
+  EXPECT_THAT(program.errors(), HasSubstr(", /usr/lib (libNoSuchTransport.so: cannot open"));
+  EXPECT_THAT(program.errors(), HasSubstr("; \"library\" in the chain file can name the file\n"));
 }
 
 TEST(Check, TellsAFileThatIsNoPlugin) {

@@ -109,7 +109,7 @@ TEST(RequestMessage, NamesAMethodThatIsWrong) {
   EXPECT_EQ(errorOf(optionsFor("PATCH")),
             "METHOD PATCH: must be GET, PUT, POST, DELETE, HEAD or TRACE");
   EXPECT_EQ(errorOf(optionsFor("post")),
-            "METHOD post: must be GET, PUT, POST, DELETE, HEAD or TRACE (did you mean POST?)");
+            "METHOD post: must be GET, PUT, POST, DELETE, HEAD or TRACE (did you mean \"POST\"?)");
 }
 
 TEST(RequestMessage, JoinsAHeaderThatIsGivenTwice) {

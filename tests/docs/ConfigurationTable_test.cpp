@@ -1,16 +1,13 @@
-// docs/configuration.md, the transport's options: each row against the transport.
+// docs/configuration.md, the transport's options: each example and error through the program and
+// the transport.
 #include <functional>
 #include <map>
-#include <optional>
-#include <regex>
-#include <set>
-#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "connectivity/value_access.hpp"
-#include "plugins/http_client/ConfiguredOptions.hpp"
 #include "tests/docs/Markdown.hpp"
 #include "tests/docs/Sandbox.hpp"
 #include "tests/docs/Values.hpp"
@@ -23,9 +20,7 @@ namespace docs_tests {
 namespace {
 
 using connectivity::data_t;
-using connectivity::get;
 using connectivity::map_t;
-using connectivity::plugins::ConfiguredOptions;
 using test_support::Answer;
 using test_support::base64;
 using test_support::CertificateAuthority;
@@ -46,157 +41,6 @@ const std::vector<Row>& optionRows() {
 const std::vector<Row>& olderSpellingRows() {
   static const Page page = readPage(pageName);
   return page.table("The transport", 1).rows;
-}
-
-// The error of a configuration, or none.
-std::optional<std::string> errorOf(const map_t& configuration) {
-  try {
-    static_cast<void>(ConfiguredOptions::parse(configuration));
-    return std::nullopt;
-  } catch (const std::exception& error) {
-    return error.what();
-  }
-}
-
-map_t withHost(const std::string& path, data_t&& value) {
-  map_t configuration = configOf("host: localhost");
-  test_support::put(configuration, test_support::keysOf(path), std::move(value));
-  return configuration;
-}
-
-// --- The set of keys -----------------------------------------------------------------------------
-
-// Every text in the transport's sources that it takes as the key of an option.
-std::set<std::string> acceptedKeys() {
-  std::set<std::string> accepted;
-  for (const std::string& key : keyLiteralsBelow({"plugins/http_client"})) {
-    const auto error = errorOf(withHost(key, data_t("x")));
-    const bool isUnknown = error && error->find("Unknown configuration element") == 0;
-    const bool isMap = error && error->ends_with("is an incorrectly nested map");
-    if (!isUnknown && !isMap) accepted.insert(key);
-  }
-  return accepted;
-}
-
-TEST(ConfigurationTable, HasExactlyTheKeysThatTheTransportAccepts) {
-  std::set<std::string> documented;
-  for (const Row& row : optionRows()) EXPECT_TRUE(documented.insert(row.name).second) << row.place;
-  for (const Row& row : olderSpellingRows()) {
-    EXPECT_TRUE(documented.insert(row.name).second) << row.place;
-  }
-  const auto accepted = acceptedKeys();
-  for (const auto& key : accepted) {
-    EXPECT_TRUE(documented.contains(key)) << pageName << ": no row for the option " << key;
-  }
-  for (const auto& key : documented) {
-    EXPECT_TRUE(accepted.contains(key)) << pageName << ": there is no option " << key;
-  }
-}
-
-// --- Types, defaults, ranges ---------------------------------------------------------------------
-
-std::string quoted(const std::string& text) { return "`" + text + "`"; }
-std::string shown(const std::string& text) { return text.empty() ? "empty" : quoted(text); }
-std::string shown(bool value) { return value ? "`true`" : "`false`"; }
-std::string shown(std::int64_t number) {
-  return number == ConfiguredOptions::portUnset ? "unset" : quoted(std::to_string(number));
-}
-
-// What the transport takes where an option is not given, as the table has to say it.
-std::map<std::string, std::string> realDefaults() {
-  const auto plain = ConfiguredOptions::parse(configOf("host: x"));
-  const auto tls = ConfiguredOptions::parse(configOf("{host: x, tls: true}"));
-  return {
-      {"host", errorOf({}) == "HTTPClient configuration host must be given" ? "required" : "?"},
-      {"port", shown(tls.port) + " with `tls`, else " + shown(plain.port)},
-      {"timeoutSecs", shown(plain.timeoutSecs)},
-      {"tls", shown(plain.tls)},
-      {"tlsCertificateAuthorityFile", shown(plain.tlsCertificateAuthorityFile)},
-      {"tlsAcceptUnrecognizedCertificates", shown(plain.tlsAcceptUnrecognizedCertificates)},
-      {"authentication/authenticationType", shown(plain.authenticationType)},
-      {"authentication/username", shown(plain.username)},
-      {"authentication/password", shown(plain.password)},
-      {"basePath", shown(plain.basePath)},
-      {"proxy/host", shown(plain.proxyHost)},
-      {"proxy/port", shown(plain.proxyPort)},
-      {"proxy/authentication/authenticationType", shown(plain.proxyAuthenticationType)},
-      {"proxy/authentication/username", shown(plain.proxyUsername)},
-      {"proxy/authentication/password", shown(plain.proxyPassword)},
-      {"followRedirects", shown(plain.followRedirects)},
-      {"cookieJar", shown(plain.cookieJar)},
-      {"numClients", shown(plain.numClients)},
-      {"maxResponseKB", shown(plain.maxResponseKB)},
-      {"maxResponsePolicy", shown(plain.maxResponsePolicy)},
-  };
-}
-
-TEST(ConfigurationTable, TellsTheDefaultsOfTheTransport) {
-  const auto defaults = realDefaults();
-  for (const Row& row : optionRows()) {
-    const auto real = defaults.find(row.name);
-    ASSERT_NE(real, defaults.end()) << row.place << ": this test does not know the option";
-    EXPECT_EQ(row.text("default"), real->second) << row.place;
-  }
-}
-
-// A value of no option's type but its own.
-data_t valueOfWrongKind(const std::string& type) {
-  return type == "boolean" ? data_t(7LL) : data_t(connectivity::list_t());
-}
-
-TEST(ConfigurationTable, TellsTheTypesOfTheTransport) {
-  const std::map<std::string, std::string> phrases{{"string", "must be a string"},
-                                                   {"integer", "must be an integer"},
-                                                   {"boolean", "must be a boolean"}};
-  for (const Row& row : optionRows()) {
-    const std::string& type = row.text("type");
-    if (const auto phrase = phrases.find(type); phrase != phrases.end()) {
-      const auto error = errorOf(withHost(row.name, valueOfWrongKind(type)));
-      EXPECT_NE(error.value_or("none").find(phrase->second), std::string::npos)
-          << row.place << ": not of the type " << type << ": " << error.value_or("no error");
-      continue;
-    }
-    const auto values = row.codes("type");
-    ASSERT_GE(values.size(), 2U) << row.place << ": unknown type " << type;
-    for (const std::string& value : values) {
-      EXPECT_EQ(errorOf(withHost(row.name, data_t(value))), std::nullopt) << row.place;
-    }
-    const auto error = errorOf(withHost(row.name, data_t("other"))).value_or("");
-    for (const std::string& value : values) {
-      EXPECT_NE(error.find(value), std::string::npos) << row.place << ": " << error;
-    }
-  }
-}
-
-long long numberOf(std::string text) {
-  std::erase(text, ',');
-  return std::stoll(text);
-}
-
-// Whether a value of an integer option passes.
-bool isInRange(const std::string& key, long long value) {
-  map_t configuration = withHost(key, data_t(value));
-  if (key.starts_with("proxy/")) test_support::put(configuration, {"proxy", "host"}, data_t("p"));
-  return !errorOf(configuration);
-}
-
-TEST(ConfigurationTable, TellsTheRangesOfTheTransport) {
-  const std::regex range("(?:.*, )?(-?[0-9,]+) (?:to (-?[0-9,]+)|or more).*");
-  for (const Row& row : optionRows()) {
-    if (row.text("type") != "integer") continue;
-    std::smatch match;
-    const std::string text = row.text("unit, range");
-    ASSERT_TRUE(std::regex_match(text, match, range)) << row.place << ": no range in " << text;
-    const long long least = numberOf(match[1]);
-    EXPECT_TRUE(isInRange(row.name, least)) << row.place;
-    EXPECT_FALSE(isInRange(row.name, least - 1)) << row.place;
-    const bool isOpen = !match[2].matched;
-    const long long most = isOpen ? std::numeric_limits<long long>::max() : numberOf(match[2]);
-    EXPECT_TRUE(isInRange(row.name, most)) << row.place;
-    if (!isOpen) {
-      EXPECT_FALSE(isInRange(row.name, most + 1)) << row.place;
-    }
-  }
 }
 
 // --- The examples --------------------------------------------------------------------------------

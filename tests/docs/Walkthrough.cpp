@@ -7,7 +7,9 @@
 #include <netinet/in.h>
 #include <regex>
 #include <sstream>
+#include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <system_error>
 #include <variant>
 
@@ -16,11 +18,13 @@
 #include "host/messages/JsonReader.hpp"
 #include "host/messages/MessageReader.hpp"
 #include "tests/docs/Values.hpp"
+#include "tests/support/Event.hpp"
 
 namespace docs_tests {
 
 namespace {
 
+constexpr std::string_view until = "until ";
 constexpr std::array<const char*, 4> documentedPorts{"8080", "8443", "3128", "9090"};
 
 // Bound, so that nobody else gets the port, but not listening: a server that reuses addresses, as
@@ -97,6 +101,7 @@ namespace {
 
 // timeout makes a process group of its own and passes signals on to all of it.
 std::vector<std::string> bash(const std::string& script) {
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   return {"/usr/bin/timeout", "300", "/bin/bash", "-e", "-o", "pipefail", "-c", script};
 }
 
@@ -107,17 +112,30 @@ Command::Command(const std::string& script) : _process(bash(script), {{"PYTHONUN
 }
 
 Command::~Command() {
-  if (!_process.running()) return;
-  _process.signal(SIGTERM);
-  _process.wait();
+  try {
+    if (_process.running()) _process.signal(SIGTERM);
+    _process.wait();
+  } catch (const test_support::TimedOut& late) {
+    ADD_FAILURE() << late.what();
+    ::kill(-_process.pid(), SIGKILL);
+  }
+  waitForTheOthers();
+}
+
+// What outlives its shell becomes a child of this process, and is waited for here.
+void Command::waitForTheOthers() const {
+  while (::waitpid(-_process.pid(), nullptr, 0) > 0) {
+  }
 }
 
 Outcome Command::finish() {
   const int status = _process.wait();
+  waitForTheOthers();
   return {status, _process.output(), _process.errors()};
 }
 
 void Command::waitUntilReady() const { _process.waitForOutput("\n"); }
+void Command::waitUntilItSays(const std::string& text) const { _process.waitForErrors(text); }
 
 // --- Walkthrough -------------------------------------------------------------------------------
 
@@ -141,6 +159,9 @@ void Walkthrough::perform(const Fence& fence) {
     writeFile(fence, argument);
   } else if (fence.example == "server" || verb == "background") {
     start(fence, verb == "server");
+    if (argument.starts_with(until)) {
+      _running.back().waitUntilItSays(argument.substr(until.size()));
+    }
   } else if (verb == "run") {
     run(fence, argument.starts_with("exit ") ? std::stoi(argument.substr(5)) : 0);
   } else if (verb == "prints") {

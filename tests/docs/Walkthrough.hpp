@@ -7,7 +7,8 @@
 //                    of *.jsonl must be a message
 //   server           a command that goes on running; its first output means that it is ready
 //   server for all   the same for every section of the page
-//   background       a command that goes on running, silently
+//   background       a command that goes on running, silently; "background until TEXT" waits for
+//                    that text on its standard error
 //   setup            put in front of every command of the page
 //   run [exit N]     commands that end, with status 0 unless N is given
 //   prints           the standard output of the last run, line by line, in any order. JSON lines
@@ -61,8 +62,12 @@ class Command {
   Outcome finish();
   // Waits until it has written something.
   void waitUntilReady() const;
+  // Waits until this stands on its standard error.
+  void waitUntilItSays(const std::string& text) const;
 
  private:
+  void waitForTheOthers() const;
+
   test_support::ChildProcess _process;
 };
 

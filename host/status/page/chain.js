@@ -61,7 +61,10 @@ const KNOWN = new Set([
 
 // A state is told by its text, a shape and a colour.
 const STATES = {
-  ONLINE: {back: 'M8 .8a7.2 7.2 0 1 1 0 14.4A7.2 7.2 0 1 1 8 .8z', mark: 'M4.7 8.3l2.3 2.3 4.4-4.8'},
+  ONLINE: {
+    back: 'M8 .8a7.2 7.2 0 1 1 0 14.4A7.2 7.2 0 1 1 8 .8z',
+    mark: 'M4.7 8.3l2.3 2.3 4.4-4.8',
+  },
   FAILED: {back: 'M8 .9 15.6 14.6H.4z', mark: 'M8 5.8v4M8 12.2v.1'},
   STARTING: {back: 'M2 1h12v14H2z', mark: 'M4.9 8v.1M8 8v.1M11.1 8v.1'},
   other: {back: 'M8 .4 15.6 8 8 15.6.4 8z', mark: 'M5.4 8h5.2'},
@@ -186,7 +189,7 @@ class Chain {
 
   #showItems(items, numbers) {
     for (const [item, element] of this.counters) {
-      setText(element, withUnit(numbers[item], ELEMENTS));
+      setText(element, withUnit(numbers[item], COUNT));
     }
     const further = Object.fromEntries(Object.entries(items).filter(([item]) => !KNOWN.has(item)));
     this.element.querySelector('.further').hidden = Object.keys(further).length === 0;

@@ -34,7 +34,7 @@ function fromTemplate(id) {
   return document.getElementById(id).content.firstElementChild.cloneNode(true);
 }
 
-// The part of the history that a window shows, with one sample before it, where its lines come from.
+// The part of the history that a window shows, and one sample before it, where lines come from.
 function within(samples, from) {
   const first = samples.findIndex((sample) => sample.time >= from);
   return first < 0 ? [] : samples.slice(Math.max(0, first - 1));
@@ -46,9 +46,11 @@ class Chart {
     this.definition = definition;
     this.element = fromTemplate('chart-template');
     this.element.querySelector('h3').textContent = definition.title;
+    this.moment = this.element.querySelector('.moment');
     this.#makeLegend();
     this.#makePlot();
     this.#makeTable(onNeeded);
+    this.#followPointer(onNeeded);
     this.isInView = true;
     new ResizeObserver(onNeeded).observe(this.plot);
     new IntersectionObserver((entries) => {
@@ -62,7 +64,7 @@ class Chart {
     if (end === undefined) return;
     const shown = within(samples, end - minutes * MINUTE);
     this.curves = this.definition.series.map(({item}) => runsOf(shown, item));
-    this.#updateLegend(samples);
+    this.#updateLegend(samples, end, minutes);
     const axis = this.#axis();
     this.root.setAttribute('aria-label', this.#summary(minutes));
     if (this.isInView) this.#draw(axis, end, minutes);
@@ -108,10 +110,37 @@ class Chart {
     }
   }
 
-  #updateLegend(samples) {
-    const latest = samples.findLast((sample) => sample.numbers).numbers;
+  // Under the pointer the legend tells what was then; elsewhere what is now.
+  #followPointer(onNeeded) {
+    this.pointer = null;  // how far from the left, in pixels
+    const follow = (event) => {
+      this.pointer = event.clientX - this.plot.getBoundingClientRect().left;
+      onNeeded();
+    };
+    this.plot.addEventListener('pointerdown', follow);
+    this.plot.addEventListener('pointermove', follow);
+    this.plot.addEventListener('pointerleave', () => {
+      this.pointer = null;
+      onNeeded();
+    });
+  }
+
+  // The time under the pointer, or null.
+  #pointedTime(end, minutes) {
+    const inner = this.plot.clientWidth - MARGIN.left - MARGIN.right;
+    const share = (this.pointer - MARGIN.left) / inner;
+    if (this.pointer === null || share < 0 || share > 1) return null;
+    return end - (1 - share) * minutes * MINUTE;
+  }
+
+  #updateLegend(samples, end, minutes) {
+    const pointed = this.#pointedTime(end, minutes);
+    const sample = samples.findLast(({time, numbers}) =>
+      numbers && (pointed === null || time <= pointed));
+    this.pointed = pointed === null ? null : sample?.time;
+    setText(this.moment, this.pointed ? `at ${clock(this.pointed)}` : '');
     this.definition.series.forEach(({item}, index) => {
-      setText(this.values[index], withUnit(latest[item], this.definition.unit));
+      setText(this.values[index], withUnit(sample?.numbers[item], this.definition.unit));
     });
   }
 
@@ -157,6 +186,11 @@ class Chart {
     this.inside.setAttribute('height', inner.bottom + 2);
     this.grid.replaceChildren(
       ...this.#valueTicks(axis, y, width), ...this.#timeTicks(from, end, minutes, x, inner));
+    if (this.pointed >= from) {
+      const at = MARGIN.left + x(this.pointed);
+      const ends = {x1: at, x2: at, y1: MARGIN.top, y2: inner.bottom};
+      this.grid.append(svg('line', {class: 'cursor', ...ends}));
+    }
     this.curves.forEach((runs, index) => {
       this.lines[index].setAttribute('d', runs.map((run) => pathOf(run, x, y)).join(''));
     });
@@ -168,12 +202,12 @@ class Chart {
       svg('line', {x1: MARGIN.left, x2: right, y1: y(value), y2: y(value)}),
       svg('text', {x: MARGIN.left - 8, y: y(value) + 4, 'text-anchor': 'end'}, text),
     ]);
-    ticks.push(svg('text', {x: MARGIN.left - 8, y: 8, 'text-anchor': 'end', class: 'unit'}, axis.label));
+    ticks.push(svg('text', {x: MARGIN.left, y: 10, class: 'unit'}, axis.label));
     if (this.isFarAbove) {
       const {unit, series} = this.definition;
       const {name} = series.find(({reference}) => reference);
       const text = `↑ ${name}: ${withUnit(this.#highest(true), unit)}`;
-      ticks.push(svg('text', {x: right, y: 8, 'text-anchor': 'end'}, text));
+      ticks.push(svg('text', {x: right, y: 10, 'text-anchor': 'end'}, text));
     }
     return ticks;
   }
@@ -183,7 +217,7 @@ class Chart {
     const ticks = [];
     for (let time = Math.ceil(from / step) * step; time <= end; time += step) {
       const at = MARGIN.left + x(time);
-      ticks.push(svg('line', {class: 'time', x1: at, x2: at, y1: MARGIN.top, y2: inner.bottom + 4}));
+      ticks.push(svg('line', {x1: at, x2: at, y1: MARGIN.top, y2: inner.bottom + 4}));
       const room = Math.min(x(time), inner.width - x(time) + MARGIN.right);
       if (room < 20) continue;
       const text = clock(time, minutes === 1);

@@ -14,7 +14,8 @@ const BYTES = {
   whole: true,
 };
 const PERCENT = {scales: [{label: '%', factor: 1}], whole: true};
-const ELEMENTS = {scales: [{label: '', factor: 1}], whole: true};
+const COUNT = {scales: [{label: '', factor: 1}], whole: true};
+const ELEMENTS = {...COUNT, axisLabel: 'elements'};
 const PER_SECOND = {scales: [{label: '/s', factor: 1}], whole: false};
 
 const NARROW_SPACE = '\u202f';
@@ -60,7 +61,7 @@ function axisFor(highest, unit, fixedTop) {
     value: i * step * scale.factor,
     text: grouped(i * step, digits),
   }));
-  return {ticks, top: ticks.at(-1).value, label: scale.label};
+  return {ticks, top: ticks.at(-1).value, label: unit.axisLabel ?? scale.label};
 }
 
 // "12:03:05", or "12:03".

@@ -167,7 +167,7 @@ TEST_F(StatusPage, WritesValuesInTheUnitThatFitsAndAxesWithRoundSteps) {
         "[...[...document.querySelectorAll('.chart')].find((chart) => "
         "chart.querySelector('h3').textContent === '" +
         title +
-        "').querySelectorAll('.grid text[text-anchor=end]')]"
+        "').querySelectorAll('.grid text:not([text-anchor=middle])')]"
         ".map((e) => e.textContent)");
   };
   page().answer(latencyAndSize("12", "999"));
@@ -256,6 +256,27 @@ TEST_F(StatusPage, ReachesEverythingWithTabInTheOrderOfThePage) {
               ElementsAre("Skip to the chains", "5", HasSubstr("a.b"), HasSubstr("c.d"), table,
                           table, table, table, table, table, all, table, table, table, table, table,
                           table, all, "status.json", "metrics", "healthz"));
+}
+
+TEST_F(StatusPage, TellsTheValuesOfTheMomentUnderThePointer) {
+  for (const char* millis : {"10", "30", "20"}) {
+    page().answer({{"a.b.requestLatencyEWMAShortMillis", millis}}, 60);
+  }
+  const std::string value = shown("requestLatencyEWMAShortMillis");
+  const auto point = [this](const std::string& type, double minutesAgo) {
+    browser().run(
+        "const plot = document.querySelector('.plot');"
+        "const inside = plot.querySelector('svg svg').getBoundingClientRect();"
+        "const clientX = inside.right - 2 - inside.width * arguments[1] / 5;"
+        "plot.dispatchEvent(new PointerEvent(arguments[0], {clientX}))",
+        {type, minutesAgo});
+  };
+  point("pointermove", 0.9);
+  browser().waitFor("document.querySelector('.moment').textContent === 'at 12:02:00'");
+  EXPECT_EQ(textOf(value), "30\u202fms");
+  point("pointerleave", 0);
+  browser().waitFor("document.querySelector('.moment').textContent === ''");
+  EXPECT_EQ(textOf(value), "20\u202fms");
 }
 
 TEST_F(StatusPage, TellsEachChartInWordsAndAsATable) {

@@ -41,7 +41,7 @@ void HTTPClient::ClientSessionThread::handleRequest(request&& req) noexcept {
   }
   returnToConfiguredServer();
   if (refused) return;
-  updateStatus([&](Metrics& metrics) { metrics.updateRequestMetrics(req.bodySize); });
+  updateStatus([&](Metrics& items) { items.updateRequestMetrics(req.bodySize); });
 }
 
 // The whole way of a request that was read without fault. Throws until the answer is handed over.

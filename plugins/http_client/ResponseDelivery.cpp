@@ -168,7 +168,7 @@ void HTTPClient::ClientSessionThread::failExchange(const char* what, const char*
     transportLog(Level::Warn, "%s: %s (%s)", what, name, message);
     text = text.empty() ? name : std::string(name) + ": " + message;
   }
-  updateStatus([](Metrics& metrics) { metrics.updateTransportStatus("FAILED"); });
+  updateStatus([](Metrics& items) { items.updateTransportStatus("FAILED"); });
   answerWithError(req, text.c_str(), statusCode);
 }
 

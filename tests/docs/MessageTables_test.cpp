@@ -1,6 +1,6 @@
 // docs/message-format.md: each row of its tables against the transport and the stand-alone host.
 #include <algorithm>
-#include <functional>
+#include <cctype>
 #include <memory>
 #include <set>
 #include <stdexcept>

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/docs/Markdown.hpp"
+#include "tests/docs/Texts.hpp"
 #include "tests/docs/Values.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/PluginUnderTest.hpp"
@@ -35,66 +36,17 @@ const Page& page() {
 
 // --- The lines of the log ------------------------------------------------------------------------
 
-const std::string gap = "…";
-
-// A format as the guide writes it: its conversions as gaps.
-std::string withGaps(const std::string& format) {
-  static const std::regex conversion("%[0-9.]*(?:ll|l)?[a-z]");
-  return std::regex_replace(format, conversion, gap);
-}
-
-bool saysSomething(const std::string& text) {
-  return std::ranges::any_of(text, [](unsigned char c) { return std::isalpha(c) != 0; });
-}
-
-std::vector<std::string> formatsBelow(const std::vector<std::string>& folders) {
-  std::vector<std::string> formats;
-  for (const std::string& literal : literalsBelow(folders)) {
-    std::string format = withGaps(literal);
-    if (saysSomething(format)) formats.push_back(std::move(format));
-  }
-  return formats;
-}
-
-// What stands between the gaps, without punctuation around it.
-std::vector<std::string> piecesOf(const std::string& line) {
-  constexpr const char* punctuation = " :,()";
-  std::vector<std::string> pieces;
-  for (std::size_t from = 0; from < line.size();) {
-    const auto at = std::min(line.find(gap, from), line.size());
-    const std::string piece = line.substr(from, at - from);
-    const auto first = piece.find_first_not_of(punctuation);
-    if (first != std::string::npos) {
-      pieces.push_back(piece.substr(first, piece.find_last_not_of(punctuation) + 1 - first));
-    }
-    from = at + gap.size();
-  }
-  return pieces;
-}
-
-// Whether the line is made by one of these formats, or is put together from parts of them.
-bool isIn(const std::vector<std::string>& formats, const std::string& line) {
-  if (std::ranges::any_of(formats, [&](const auto& format) { return matches(line, format); })) {
-    return true;
-  }
-  return std::ranges::all_of(piecesOf(line), [&](const std::string& piece) {
-    return std::ranges::any_of(formats, [&](const std::string& format) {
-      return format.find(piece) != std::string::npos;
-    });
-  });
-}
-
 TEST(LogLineTable, HasOnlyLinesThatTheTransportWrites) {
   const auto formats = formatsBelow({"plugins/http_client", "connectivity"});
   for (const Row& row : page().table("What the log says", 0).rows) {
-    EXPECT_TRUE(isIn(formats, row.name)) << row.place << ": no such text in the sources";
+    EXPECT_TRUE(isMadeBy(formats, row.name)) << row.place << ": no such text in the sources";
   }
 }
 
 TEST(LogLineTable, HasOnlyLinesThatTheProgramWrites) {
   const auto formats = formatsBelow({"host"});
   for (const Row& row : page().table("What the log says", 1).rows) {
-    EXPECT_TRUE(isIn(formats, row.name)) << row.place << ": no such text in the sources";
+    EXPECT_TRUE(isMadeBy(formats, row.name)) << row.place << ": no such text in the sources";
   }
 }
 

@@ -1,18 +1,27 @@
-// docs/operations.md: the options of the commands, and docs/c-interface.md: the texts of errors.
+// docs/operations.md: the options of the commands, and the summary; docs/c-interface.md: the texts
+// of errors.
 #include <regex>
 #include <set>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "connectivity/value_access.hpp"
 #include "tests/docs/Markdown.hpp"
 #include "tests/docs/Texts.hpp"
+#include "tests/docs/Values.hpp"
 #include "tests/support/ChildProcess.hpp"
+#include "tests/support/Messages.hpp"
 #include "tests/support/PluginUnderTest.hpp"
+#include "tests/support/ScriptedServer.hpp"
 #include "tests/support/TemporaryDirectory.hpp"
 
 namespace docs_tests {
 namespace {
+
+using connectivity::data_t;
+using connectivity::get;
+using connectivity::map_t;
 
 const std::string pageName = "docs/operations.md";
 
@@ -52,6 +61,49 @@ TEST(OptionTable, IsNotNeededForCommandsWhoseOptionsThePageNames) {
           << pageName << ": nothing about " << command << " " << option;
     }
   }
+}
+
+// --- The summary ---------------------------------------------------------------------------------
+
+// The summary of a run with one request, as JSON.
+data_t summaryOfARun() {
+  test_support::ScriptedServer server;
+  const test_support::TemporaryDirectory folder;
+  test_support::ChildProcess program(
+      {test_support::hostProgram(), "run",
+       folder.write("chain.yaml",
+                    "chains: [{id: orders, name: shop, transport: HTTPClient, config: "
+                    "{host: localhost, port: " +
+                        std::to_string(server.port()) + "}}]\n"),
+       "--summary", "json"});
+  program.write("{\"metadata\": {\"http\": {\"method\": \"GET\", \"path\": \"/\"}}}\n");
+  program.closeInput();
+  EXPECT_EQ(program.wait(), 0);
+  const std::string errors = program.errors();
+  const auto start = errors.find("{\"summary\"");
+  return jsonOf(errors.substr(start, errors.find('\n', start) - start));
+}
+
+std::set<std::string> keysOf(const map_t& map) {
+  std::set<std::string> keys;
+  for (const auto entry : map) keys.insert(entry.first.text());
+  return keys;
+}
+
+TEST(SummaryTable, HasExactlyTheKeysOfTheSummary) {
+  const data_t summary = summaryOfARun();
+  const data_t* total = test_support::find(get<map_t>(summary), {"summary", "total"});
+  const data_t* chains = test_support::find(get<map_t>(summary), {"summary", "chains"});
+  ASSERT_NE(total, nullptr);
+  ASSERT_NE(chains, nullptr);
+  const Page page = readPage(pageName);
+  std::set<std::string> documented;
+  for (const Row& row : page.table("The summary").rows) {
+    for (const std::string& key : row.codes("key")) documented.insert(key);
+  }
+  EXPECT_EQ(documented, keysOf(get<map_t>(*total))) << pageName << ", The summary";
+  documented.insert({"id", "name"});
+  EXPECT_EQ(documented, keysOf(get<map_t>(get<connectivity::list_t>(*chains)[0])));
 }
 
 TEST(ErrorTexts, OfTheInterfaceStandInTheSources) {

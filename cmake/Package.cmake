@@ -19,7 +19,10 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
 configure_file(packaging/debian/shlibs.in "${CMAKE_BINARY_DIR}/package-files/shlibs" @ONLY)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
-  "${PROJECT_SOURCE_DIR}/packaging/debian/triggers" "${CMAKE_BINARY_DIR}/package-files/shlibs")
+  "${PROJECT_SOURCE_DIR}/packaging/debian/postinst"
+  "${PROJECT_SOURCE_DIR}/packaging/debian/postrm"
+  "${PROJECT_SOURCE_DIR}/packaging/debian/triggers"
+  "${CMAKE_BINARY_DIR}/package-files/shlibs")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_RECOMMENDS ca-certificates)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
 "A host hands the transport messages; each describes one HTTP request, which is

@@ -20,10 +20,12 @@ constexpr std::size_t readSize = std::size_t{64} * 1024;
   throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
 }
 
+// A FIFO is opened without a writer: wait() waits for one, and stop() ends that.
 int openForReading(const std::string& path) {
   if (path == "-") return STDIN_FILENO;
-  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const int descriptor = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
   if (descriptor < 0) throwReadError(path);
+  ::fcntl(descriptor, F_SETFL, ::fcntl(descriptor, F_GETFL) & ~O_NONBLOCK);
   return descriptor;
 }
 

@@ -139,5 +139,36 @@ TEST_F(InputPipe, ALineThatIsTooLongIsToldAndNotKept) {
   writer.join();
 }
 
+class UnopenedPipe : public testing::Test {
+ protected:
+  UnopenedPipe() : _path(_directory.file("pipe")) { EXPECT_EQ(::mkfifo(_path.c_str(), 0600), 0); }
+
+  const TemporaryDirectory _directory;
+  const std::string _path;
+};
+
+TEST_F(UnopenedPipe, StopEndsAWaitForItsFirstWriter) {
+  InputLines lines(_path);
+  bool more = true;
+  std::thread reader([&] { more = lines.wait(); });
+  lines.stop();
+  reader.join();
+  EXPECT_FALSE(more);
+}
+
+TEST_F(UnopenedPipe, EndsWhereItsLastWriterClosesIt) {
+  InputLines lines(_path);
+  std::thread writer([this] {
+    const int pipe = ::open(_path.c_str(), O_WRONLY);
+    EXPECT_EQ(::write(pipe, "a\n", 2), 2);
+    ::close(pipe);
+  });
+  ASSERT_TRUE(lines.wait());
+  EXPECT_EQ(lines.next()->text, "a");
+  EXPECT_FALSE(lines.next());
+  EXPECT_FALSE(lines.wait());
+  writer.join();
+}
+
 }  // namespace
 }  // namespace host

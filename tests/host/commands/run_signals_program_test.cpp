@@ -1,6 +1,7 @@
 // orrery-host run: what SIGINT and SIGTERM do.
 #include <csignal>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -31,6 +32,16 @@ TEST_P(RunSignals, TheFirstStopsReadingAndExitsWith0) {
   EXPECT_EQ(program.output(), plainAnswer);
   EXPECT_THAT(lastLine(program.errors()),
               HasSubstr("Done: sent 1, answered 1, failed 1, dropped 0"));
+}
+
+TEST_P(RunSignals, OneEndsAWaitForTheFirstWriterOfAPipe) {
+  const EchoChainFile chain;
+  ASSERT_EQ(::mkfifo(chain.file("pipe").c_str(), 0600), 0);
+  HostProgram program({"run", chain.path(), "--input", chain.file("pipe"), "--status-port", "0"});
+  program.waitForErrors("The status server listens");
+  program.signal(GetParam());
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_THAT(program.errors(), HasSubstr("Done: sent 0, answered 0"));
 }
 
 TEST_P(RunSignals, TheSecondDropsWhatIsQueuedAndCountsItInTheLastLogLine) {

@@ -50,6 +50,10 @@ void Chain::start() {
       _definition.output.text, [this](const std::string& reason) { onOutputFailure(reason); },
       [this] { _log.showProgress({}); });
   _transport->start();
+  if (_input->isTerminal()) {
+    _log.info("chain " + _definition.id +
+              ": reading requests from the terminal, one a line; Ctrl-D ends the input");
+  }
 }
 
 void Chain::run() {
@@ -204,7 +208,12 @@ void Chain::takeBack(std::size_t index) {
 }
 
 void Chain::reportInvalid(std::uint64_t line, const std::string& text) {
-  _invalid.fetch_add(1);
+  // The first one tells what is wrong; the others stand in the output.
+  if (_invalid.fetch_add(1) == 0) {
+    _log.warn("chain " + _definition.id + ": input line " + std::to_string(line) +
+              " is not a valid message: " + text +
+              " (each such line is answered with an error line)");
+  }
   write([&](MessageWriter& writer) { writer.writeError(line, text); }, false);
 }
 

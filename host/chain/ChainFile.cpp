@@ -40,7 +40,7 @@ class Section {
       const std::string& key = entry.first.Scalar();
       if (std::find(keys.begin(), keys.end(), key) != keys.end()) continue;
       const std::string near = didYouMean(key, std::span(keys.begin(), keys.size()));
-      fail(entry.first, path(key), "unknown key" + (near.empty() ? hint : near));
+      fail(entry.first, path(key), "unknown key" + (near.empty() ? listOf(keys) + hint : near));
     }
   }
 
@@ -107,6 +107,12 @@ class Section {
   }
 
  private:
+  static std::string listOf(std::initializer_list<std::string_view> keys) {
+    std::string list;
+    for (const std::string_view key : keys) list.append(list.empty() ? "; known: " : ", ") += key;
+    return list;
+  }
+
   const YAML::Node _node;
   const YamlPlace _place;
 };
@@ -148,7 +154,7 @@ connectivity::map_t readConfig(const Section& chain) {
 ChainDefinition readChain(const Section& chain) {
   chain.allow({"id", "name", "transport", "library", "codec", "assignRequestIds", "config", "input",
                "output"},
-              " (what the transport itself is told stands in config)");
+              ". What the transport itself is told stands in config");
   ChainDefinition definition;
   definition.id = chain.text("id").text;
   definition.name = chain.text("name").text;
@@ -165,7 +171,9 @@ ChainDefinition readChain(const Section& chain) {
 std::vector<ChainDefinition> readChains(const Section& file) {
   const YAML::Node list = file.find("chains");
   if (!list) file.fail(file.node(), "chains", "must be given");
-  if (!list.IsSequence()) file.fail(list, "chains", "must be a list");
+  if (!list.IsSequence()) {
+    file.fail(list, "chains", "must be a list: \"- \" stands before the first key of each chain");
+  }
   if (list.size() == 0) file.fail(list, "chains", "must hold a chain");
   std::vector<ChainDefinition> chains;
   for (std::size_t i = 0; i < list.size(); ++i) {
@@ -179,6 +187,7 @@ LogDefinition readLog(const Section& file) {
   LogDefinition definition;
   const YAML::Node node = file.find("log");
   if (!node) return definition;
+  if (!node.IsMap()) file.fail(node, "log", "must be a map, such as {level: info}");
   const Section log(node, file.placeOf("log"));
   log.allow({"level", "levels"});
   definition.level = log.level("level", definition.level);
@@ -194,12 +203,43 @@ LogDefinition readLog(const Section& file) {
 std::optional<StatusDefinition> readStatus(const Section& file) {
   const YAML::Node node = file.find("status");
   if (!node) return std::nullopt;
+  if (!node.IsMap()) file.fail(node, "status", "must be a map, such as {port: 9090}");
   const Section status(node, file.placeOf("status"));
   status.allow({"port", "address"});
   StatusDefinition definition;
   definition.port = status.port("port");
   if (auto address = status.optionalText("address")) definition.address = address->text;
   return definition;
+}
+
+// The line with that number, counted from 0.
+std::string_view lineOf(std::string_view text, int number) {
+  for (; number > 0; --number) {
+    text.remove_prefix(std::min(text.find('\n'), text.size() - 1) + 1);
+    if (text.empty()) return text;
+  }
+  return text.substr(0, text.find('\n'));
+}
+
+bool isIndentedWithTab(std::string_view line) {
+  const auto tab = line.find('\t');
+  return tab != std::string_view::npos && line.find_first_not_of(" \t") > tab;
+}
+
+// What probably makes the text no YAML.
+std::string yamlHint(std::string_view text, const YAML::Exception& error) {
+  if (!text.empty() && isIndentedWithTab(lineOf(text, error.mark.line))) {
+    return " (indent with spaces, not with tabs)";
+  }
+  static const std::map<std::string, const char*> hints{
+      {YAML::ErrorMsg::END_OF_MAP, " (the line is not indented as those above)"},
+      {YAML::ErrorMsg::END_OF_SEQ, " (the line is not indented as those above)"},
+      {YAML::ErrorMsg::END_OF_MAP_FLOW, " (a { has no })"},
+      {YAML::ErrorMsg::END_OF_SEQ_FLOW, " (a [ has no ])"},
+      {YAML::ErrorMsg::MAP_VALUE,
+       " (the line above lacks its colon, or a text that holds a colon lacks its quotes)"}};
+  const auto hint = hints.find(error.msg);
+  return hint == hints.end() ? "" : hint->second;
 }
 
 YAML::Node loadYaml(const std::string& text, const std::string& path) {
@@ -211,7 +251,8 @@ YAML::Node loadYaml(const std::string& text, const std::string& path) {
     }
     return documents.front();
   } catch (const YAML::Exception& error) {
-    throw ChainFileError(path, yamlPosition(error.mark), "", "not valid YAML: " + error.msg);
+    throw ChainFileError(path, yamlPosition(error.mark), "",
+                         "not valid YAML: " + error.msg + yamlHint(text, error));
   }
 }
 
@@ -270,6 +311,10 @@ class FileCheck {
     const auto directory = std::filesystem::absolute(output.text).parent_path();
     if (!std::filesystem::is_directory(directory)) {
       fail(output, "there is no directory " + directory.string());
+    }
+    const bool isThere = std::filesystem::exists(output.text);
+    if (::access(isThere ? output.text.c_str() : directory.c_str(), W_OK) != 0) {
+      fail(output, "cannot write " + output.text + ": " + std::strerror(errno));
     }
   }
 

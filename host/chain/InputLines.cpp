@@ -46,6 +46,8 @@ InputLines::~InputLines() {
   if (_descriptor != STDIN_FILENO) ::close(_descriptor);
 }
 
+bool InputLines::isTerminal() const noexcept { return ::isatty(_descriptor) != 0; }
+
 bool InputLines::wait() {
   while (!stopped()) {
     if (std::memchr(_buffer.data() + _scanned, '\n', _end - _scanned) != nullptr) return true;

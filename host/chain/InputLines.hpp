@@ -49,6 +49,7 @@ class InputLines {
   void stop() noexcept { _stop.set(); }
   bool stopped() const noexcept { return _stop.isSet(); }
 
+  bool isTerminal() const noexcept;
   // The length of the input in bytes, where the system knows it.
   std::optional<std::uint64_t> size() const noexcept { return _size; }
   // How many bytes have been read.

@@ -1,12 +1,18 @@
 #include "host/commands/CommandLine.hpp"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <iostream>
 #include <map>
+#include <span>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
+#include "host/chain/NearestWord.hpp"
 #include "host/commands/CheckCommand.hpp"
 #include "host/commands/ExitStatus.hpp"
 #include "host/commands/RequestArguments.hpp"
@@ -89,6 +95,48 @@ ExitStatus perform(const CLI::App& app, const Arguments& arguments) {
   return demo();
 }
 
+std::vector<std::string_view> commandNames(const CLI::App& app) {
+  std::vector<std::string_view> names;
+  for (const CLI::App* command : app.get_subcommands(nullptr)) names.push_back(command->get_name());
+  return names;
+}
+
+// Where the first argument was to be a command and is none.
+std::string describeUnknownCommand(const CLI::App& app, const std::string& word) {
+  const auto names = commandNames(app);
+  const bool isCommand = std::find(names.begin(), names.end(), word) != names.end();
+  if (isCommand || word.starts_with('-')) return {};
+  std::string text = word + " is no command" + didYouMean(word, names);
+  if (word.ends_with(".yaml") || word.ends_with(".yml")) {
+    text += " (did you mean orrery-host run " + word + "?)";
+  }
+  return text + "\n";
+}
+
+// Where an option is none that the command has, but near one.
+std::string describeUnknownOption(const CLI::App& command, const std::string& argument) {
+  if (!argument.starts_with("--")) return {};
+  const std::string word = argument.substr(2, argument.find('=') - 2);
+  std::vector<std::string_view> names;
+  for (const CLI::Option* option : command.get_options()) {
+    for (const std::string& name : option->get_lnames()) names.push_back(name);
+  }
+  if (std::find(names.begin(), names.end(), word) != names.end()) return {};
+  const std::string_view nearest = nearestWord(word, names);
+  if (nearest.empty()) return {};
+  return "--" + word + ": did you mean --" + std::string(nearest) + "?\n";
+}
+
+// What was probably meant, a line each.
+std::string describeMistakes(const CLI::App& app, std::span<const char* const> arguments) {
+  std::string text;
+  if (!arguments.empty()) text += describeUnknownCommand(app, arguments.front());
+  for (const CLI::App* command : app.get_subcommands()) {
+    for (const char* argument : arguments) text += describeUnknownOption(*command, argument);
+  }
+  return text;
+}
+
 }  // namespace
 
 int runCommandLine(int argc, const char* const* argv) {
@@ -107,6 +155,9 @@ int runCommandLine(int argc, const char* const* argv) {
     app.parse(argc, argv);
     return static_cast<int>(perform(app, arguments));
   } catch (const CLI::ParseError& error) {
+    const bool isMistake = error.get_exit_code() != 0;
+    const std::span<const char* const> given(argv, static_cast<std::size_t>(argc));
+    if (isMistake && argc > 1) std::cerr << describeMistakes(app, given.subspan(1));
     const bool isHelp = app.exit(error, std::cout, std::cerr) == 0;
     return static_cast<int>(isHelp ? ExitStatus::Success : ExitStatus::WrongUsage);
   }

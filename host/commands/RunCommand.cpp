@@ -83,6 +83,7 @@ class Run {
     bool failed = false;
     for (const auto& chain : _chains) failed = failed || !chain->failure().empty();
     _chains.clear();
+    adviseOn(totalOf(summaries));
     tell(summaries);
     const ChainCounts sum = totalOf(summaries).counts;
     // The last line, whatever else is told.
@@ -114,6 +115,12 @@ class Run {
       summaries.push_back({chain->id(), chain->name(), chain->counts(), chain->statistics()});
     }
     return summaries;
+  }
+
+  void adviseOn(const ChainSummary& total) {
+    const std::uint64_t answered = total.counts.answered;
+    if (answered == 0 || total.statistics.withoutResponse != answered) return;
+    _log.warn("No request got a response: each answer's statusReason says why");
   }
 
   void tell(const std::vector<ChainSummary>& summaries) {

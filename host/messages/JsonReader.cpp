@@ -245,7 +245,9 @@ boost::json::parse_options parseOptions() {
 }
 
 std::string describe(const boost::json::error_code& error, std::size_t consumed) {
-  return "not valid JSON at byte " + std::to_string(consumed + 1) + ": " + error.message();
+  const bool endsEarly = error == boost::json::error::incomplete;
+  return "not valid JSON at byte " + std::to_string(consumed + 1) + ": " + error.message() +
+         (endsEarly ? " (a message is one whole line)" : "");
 }
 
 }  // namespace

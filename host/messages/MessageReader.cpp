@@ -45,6 +45,17 @@ map_t metadataFrom(map_t& fields, std::uint64_t& known) {
   return std::move(connectivity::get<map_t>(value));
 }
 
+// What was taken is empty by now, or was; any key beside metadata and payload is one too many.
+[[noreturn]] void throwUnknownKey(const map_t& fields) {
+  std::string unknown;
+  for (auto field = fields.begin(); !field.atEnd(); ++field) {
+    const std::string key = field.key().isString() ? field.key().text() : "...";
+    if (key != "metadata" && key != "payload" && (unknown.empty() || key < unknown)) unknown = key;
+  }
+  throw InvalidLine("a message holds only metadata and payload, not \"" + unknown +
+                    "\" (method and path stand in metadata.http)");
+}
+
 }  // namespace
 
 bool MessageReader::isBlank(std::string_view line) noexcept {
@@ -67,7 +78,7 @@ Message MessageReader::messageFrom(map_t& fields, std::uint64_t number) const {
   std::uint64_t known = 0;
   map_t metadata = metadataFrom(fields, known);
   data_t payload = take(fields, "payload", known);
-  if (known != fields.size()) throw InvalidLine("a message holds only metadata and payload");
+  if (known != fields.size()) throwUnknownKey(fields);
   // The host could not tell when such a flush is complete.
   if (isText(metadata.findText("qor.control.type"), "QueueFlush")) {
     throw InvalidLine(R"(a queue flush is written as {"control": "flush"})");

@@ -1,6 +1,7 @@
 #include "host/status/StatusServer.hpp"
 
 #include <algorithm>
+#include <cerrno>
 #include <stdexcept>
 #include <utility>
 
@@ -100,8 +101,10 @@ Poco::Net::ServerSocket listenOn(const StatusDefinition& definition) {
     socket.listen();
     return socket;
   } catch (const Poco::Exception& error) {
-    throw std::runtime_error("cannot listen on " + definition.address + ":" +
-                             std::to_string(definition.port) + ": " + error.displayText());
+    throw std::runtime_error(
+        "cannot listen on " + definition.address + ":" + std::to_string(definition.port) + ": " +
+        error.displayText() +
+        (error.code() == EADDRINUSE ? " (another program has the port; 0 picks a free one)" : ""));
   }
 }
 

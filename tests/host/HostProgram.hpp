@@ -16,6 +16,8 @@ class HostProgram : public test_support::ChildProcess {
  public:
   explicit HostProgram(std::vector<std::string> arguments)
       : ChildProcess(withProgram(std::move(arguments))) {}
+  HostProgram(std::vector<std::string> arguments, const Options& options)
+      : ChildProcess(withProgram(std::move(arguments)), options) {}
 
   // Closes its input and waits for its end; the exit status.
   int finish() {

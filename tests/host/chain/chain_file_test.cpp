@@ -86,9 +86,11 @@ TEST(ChainFile, NamesPlaceAndKeyOfAnUnknownKeyAndTheNearestRightOne) {
   EXPECT_EQ(errorOf(chainHead + "    codek: text\n"),
             "x.yaml:5:5: chains[0].codek: unknown key (did you mean \"codec\"?)");
   EXPECT_EQ(errorOf(chainHead + "    host: localhost\n"),
-            "x.yaml:5:5: chains[0].host: unknown key (what the transport itself is told stands in "
-            "config)");
-  EXPECT_EQ(errorOf(chainHead + "colours: {}\n"), "x.yaml:5:1: colours: unknown key");
+            "x.yaml:5:5: chains[0].host: unknown key; known: id, name, transport, library, codec, "
+            "assignRequestIds, config, input, output. What the transport itself is told stands in "
+            "config");
+  EXPECT_EQ(errorOf(chainHead + "colours: {}\n"),
+            "x.yaml:5:1: colours: unknown key; known: chains, log, status");
   EXPECT_EQ(errorOf(chainHead + "logs: {}\n"),
             "x.yaml:5:1: logs: unknown key (did you mean \"log\"?)");
   EXPECT_EQ(errorOf(chainHead + "log:\n  levle: info\n"),
@@ -98,7 +100,8 @@ TEST(ChainFile, NamesPlaceAndKeyOfAnUnknownKeyAndTheNearestRightOne) {
 }
 
 TEST(ChainFile, NamesPlaceAndKeyOfAWrongType) {
-  EXPECT_EQ(errorOf("chains: 5\n"), "x.yaml:1:9: chains: must be a list");
+  EXPECT_EQ(errorOf("chains: 5\n"),
+            "x.yaml:1:9: chains: must be a list: \"- \" stands before the first key of each chain");
   EXPECT_EQ(errorOf("chains: []\n"), "x.yaml:1:9: chains: must hold a chain");
   EXPECT_EQ(errorOf("chains:\n  - 7\n"), "x.yaml:2:5: chains[0]: must be a map");
   EXPECT_EQ(errorOf("chains:\n  - id: [1]\n"), "x.yaml:2:9: chains[0].id: must be a text");
@@ -117,7 +120,8 @@ TEST(ChainFile, NamesPlaceAndKeyOfAWrongType) {
   EXPECT_EQ(errorOf(chainHead + "    config: [1]\n"),
             "x.yaml:5:13: chains[0].config: must be a map");
   EXPECT_EQ(errorOf(chainHead + "    input: {}\n"), "x.yaml:5:12: chains[0].input: must be a text");
-  EXPECT_EQ(errorOf(chainHead + "log: info\n"), "x.yaml:5:6: log: must be a map");
+  EXPECT_EQ(errorOf(chainHead + "log: info\n"),
+            "x.yaml:5:6: log: must be a map, such as {level: info}");
   EXPECT_EQ(errorOf(chainHead + "log: {level: loud}\n"),
             "x.yaml:5:14: log.level: must be error, warn, info, debug or trace");
   EXPECT_EQ(errorOf(chainHead + "log: {levels: {a: 5}}\n"),

@@ -346,6 +346,10 @@ class Terminal {
   Terminal& operator=(const Terminal&) = delete;
 
   int slave() const { return _slave; }
+  // As typed at the keyboard.
+  void type(std::string_view text) {
+    ASSERT_EQ(::write(_master, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+  }
   // Reads until the text has come.
   void waitFor(std::string_view text) {
     while (_seen.find(text) == std::string::npos) {
@@ -375,6 +379,21 @@ TEST(Run, ShowsItsProgressOnATerminal) {
   terminal.waitFor("sent 2, answered 2, failed 1, ");
   program.closeInput();
   EXPECT_EQ(program.wait(), 0);
+}
+
+TEST(Run, SaysThatItReadsFromATerminal) {
+  const EchoChainFile chain;
+  Terminal terminal;
+  test_support::ChildProcess::Options options;
+  options.inherited.push_back(terminal.slave());
+  HostProgram program(
+      {"run", chain.path(), "--input", "/proc/self/fd/" + std::to_string(terminal.slave())},
+      options);
+  program.waitForErrors(
+      "[host] chain echo: reading requests from the terminal, one a line; Ctrl-D ends the input\n");
+  terminal.type("{}\n\x04");
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_THAT(program.output(), HasSubstr("\"requestId\":1"));
 }
 
 }  // namespace

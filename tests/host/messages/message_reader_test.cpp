@@ -71,7 +71,9 @@ TEST(MessageReader, RefusesAnythingButAMessageObject) {
   EXPECT_EQ(errorOf("[]"), "a message must be an object");
   EXPECT_EQ(errorOf("5"), "a message must be an object");
   EXPECT_EQ(errorOf(R"({"$numberDecimal": "1"})"), "a message must be an object");
-  EXPECT_EQ(errorOf(R"({"payload": 1, "extra": 2})"), "a message holds only metadata and payload");
+  EXPECT_EQ(errorOf(R"({"payload": 1, "extra": 2, "more": 3})"),
+            "a message holds only metadata and payload, not \"extra\" (method and path stand in "
+            "metadata.http)");
   EXPECT_EQ(errorOf(R"({"metadata": 5})"), "metadata must be an object");
   EXPECT_EQ(errorOf(R"({"metadata": null})"), "metadata must be an object");
   EXPECT_EQ(errorOf(R"({"payload": 1, "payload": 2})"), "the key \"payload\" is repeated");
@@ -96,7 +98,9 @@ TEST(MessageReader, RefusesOtherControlLines) {
   EXPECT_EQ(errorOf(R"({"control": 1})"), "control must be \"flush\"");
   EXPECT_EQ(errorOf(R"({"control": "flush", "payload": 1})"),
             "a control line holds only control and id");
-  EXPECT_EQ(errorOf(R"({"id": 1})"), "a message holds only metadata and payload");
+  EXPECT_EQ(errorOf(R"({"id": 1})"),
+            "a message holds only metadata and payload, not \"id\" (method and path stand in "
+            "metadata.http)");
 }
 
 TEST(MessageReader, RefusesAQueueFlushInMetadataBecauseNobodyWouldSeeItsEnd) {

@@ -5,7 +5,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
-#include <optional>
+#include <map>
 #include <string_view>
 
 namespace host {
@@ -92,20 +92,6 @@ std::string labelValue(std::string_view text) {
   return value;
 }
 
-std::optional<double> numberIn(const std::string& text) {
-  double number = 0;
-  const char* const end = text.data() + text.size();
-  const auto result = std::from_chars(text.data(), end, number);
-  if (result.ec != std::errc() || result.ptr != end || !std::isfinite(number)) return std::nullopt;
-  return number;
-}
-
-std::string textOf(double number) {
-  std::array<char, 32> text{};
-  const auto result = std::to_chars(text.data(), text.data() + text.size(), number);
-  return {text.data(), result.ptr};
-}
-
 // Two items of one transport whose names differ only in their case give one sample, the first's.
 void add(Families& families, const Metric& metric, const std::string& label,
          const std::string& value) {
@@ -143,6 +129,20 @@ void append(std::string& out, const std::string& name, const Family& family) {
 }
 
 }  // namespace
+
+std::optional<double> numberIn(const std::string& text) {
+  double number = 0;
+  const char* const end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, number);
+  if (result.ec != std::errc() || result.ptr != end || !std::isfinite(number)) return std::nullopt;
+  return number;
+}
+
+std::string textOf(double number) {
+  std::array<char, 32> text{};
+  const auto result = std::to_chars(text.data(), text.data() + text.size(), number);
+  return {text.data(), result.ptr};
+}
 
 std::string statusAsMetrics(const StatusItems& items) {
   Families families;

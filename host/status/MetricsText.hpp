@@ -10,13 +10,18 @@
 //   0.012 shop.orders.cacheHits 7                      orrery_cache_hits{...} 7, untyped
 #pragma once
 
-#include <map>
+#include <optional>
 #include <string>
+
+#include "host/status/StatusTable.hpp"
 
 namespace host {
 
-using StatusItems = std::map<std::string, std::string>;
-
 std::string statusAsMetrics(const StatusItems& items);
+
+// The number that a whole text is; none for another text, an infinity or NaN.
+std::optional<double> numberIn(const std::string& text);
+// The shortest text that reads back as the number.
+std::string textOf(double number);
 
 }  // namespace host

@@ -15,7 +15,8 @@
 #include <Poco/Net/ServerSocket.h>
 #include <Poco/Timespan.h>
 
-#include "host/messages/JsonWriter.hpp"
+#include "host/status/MetricsText.hpp"
+#include "host/status/StatusJson.hpp"
 #include "host/status/StatusPage.hpp"
 
 namespace host {
@@ -28,6 +29,7 @@ namespace {
 
 struct Source {
   const StatusTable& table;
+  const StatusHistory& history;
   const std::vector<std::string> prefixes;
   const StatusPage page = statusPage();
 };
@@ -64,7 +66,9 @@ class Handler : public Poco::Net::HTTPRequestHandler {
     } else if (path == "/") {
       respondWithPage(response, _source.page);
     } else if (path == "/status.json") {
-      respond(response, "application/json", statusAsJson(items));
+      respond(response, "application/json", statusAsJson(items) + "\n");
+    } else if (path == "/history.json") {
+      respond(response, "application/json", _source.history.asJson(StatusHistory::Clock::now()));
     } else if (path == "/metrics") {
       respond(response, "text/plain; version=0.0.4; charset=utf-8", statusAsMetrics(items));
     } else if (path == "/healthz") {
@@ -122,29 +126,19 @@ Poco::Net::HTTPServerParams::Ptr serverParameters() {
 }  // namespace
 
 StatusServer::StatusServer(const StatusDefinition& definition, const StatusTable& table,
-                           std::vector<std::string> prefixes) {
+                           std::vector<std::string> prefixes)
+    : _history(table) {
   const Poco::Net::ServerSocket socket = listenOn(definition);
   const Poco::Net::HTTPRequestHandlerFactory::Ptr factory(
-      new HandlerFactory({table, std::move(prefixes)}));
+      new HandlerFactory({table, _history, std::move(prefixes)}));
   _server = std::make_unique<Poco::Net::HTTPServer>(factory, socket, serverParameters());
   _server->start();
+  _history.start();
 }
 
 StatusServer::~StatusServer() { _server->stopAll(true); }
 
 int StatusServer::port() const { return _server->port(); }
-
-std::string statusAsJson(const StatusItems& items) {
-  std::string text = "{";
-  JsonWriter writer(text);
-  for (const auto& [key, value] : items) {
-    if (text.size() > 1) text += ',';
-    writer.writeString(key);
-    text += ':';
-    writer.writeString(value);
-  }
-  return text + "}\n";
-}
 
 bool areAllOnline(const StatusItems& items, const std::vector<std::string>& prefixes) {
   return std::all_of(prefixes.begin(), prefixes.end(), [&items](const std::string& prefix) {

@@ -2,6 +2,7 @@
 //
 //   /             a page for people, which asks for /status.json every second (StatusPage)
 //   /status.json  every status item as one object, key to text, the keys in ascending order
+//   /history.json what they were over the last minutes (StatusHistory)
 //   /metrics      the items in Prometheus' text exposition format (MetricsText)
 //   /healthz      200 "OK" while the item .status of every chain is ONLINE, else 503
 //
@@ -14,7 +15,7 @@
 #include <vector>
 
 #include "host/chain/ChainFile.hpp"
-#include "host/status/MetricsText.hpp"
+#include "host/status/StatusHistory.hpp"
 #include "host/status/StatusTable.hpp"
 
 namespace Poco::Net {
@@ -38,11 +39,11 @@ class StatusServer {
   int port() const;
 
  private:
+  StatusHistory _history;
   std::unique_ptr<Poco::Net::HTTPServer> _server;
 };
 
-// What /status.json holds, and whether /healthz is 200.
-std::string statusAsJson(const StatusItems& items);
+// Whether /healthz is 200.
 bool areAllOnline(const StatusItems& items, const std::vector<std::string>& prefixes);
 
 }  // namespace host

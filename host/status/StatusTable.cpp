@@ -10,7 +10,7 @@ StatusTable& tableAt(void* context) { return *static_cast<StatusTable*>(context)
 
 StatusTable::StatusTable() : _services{this, &create, &set, &remove} {}
 
-std::map<std::string, std::string> StatusTable::items() const {
+StatusItems StatusTable::items() const {
   const orrery::AutoMutex lock(_mutex);
   return _items;
 }

@@ -9,6 +9,8 @@
 
 namespace host {
 
+using StatusItems = std::map<std::string, std::string>;
+
 // Outlives every plug-in that got its handle.
 class StatusTable {
  public:
@@ -19,7 +21,7 @@ class StatusTable {
   // What create takes as the status handle.
   void* handle() noexcept { return &_services; }
   // All items, key to text.
-  std::map<std::string, std::string> items() const;
+  StatusItems items() const;
 
  private:
   static void* create(void* context, const char* key, const char* text);
@@ -29,7 +31,7 @@ class StatusTable {
   qor_status_services_t _services;  // constant after construction
   mutable orrery::Mutex _mutex{"StatusTable"};
   // A plug-in's item is the address of its entry, which stays while others come and go.
-  std::map<std::string, std::string> _items ORRERY_GUARDED_BY(_mutex);
+  StatusItems _items ORRERY_GUARDED_BY(_mutex);
 };
 
 }  // namespace host

@@ -85,6 +85,11 @@ class State {
   }
 }
 
+function numbersIn(items) {
+  const numbers = Object.entries(items).map(([item, text]) => [item, numberIn(text)]);
+  return Object.fromEntries(numbers.filter(([, number]) => number !== undefined));
+}
+
 // Rows of item and text; rows are made anew only where the items are others than before.
 function fillItems(table, items) {
   const body = table.tBodies[0];
@@ -127,13 +132,14 @@ class Chain {
     return link;
   }
 
+  // What the items were before the page was opened.
+  recall(time, items) {
+    this.history.add(time, numbersIn(items), RISING);
+  }
+
   // Items are texts by the end of their key. What to say of a change of state, or nothing.
   accept(time, items) {
-    const numbers = {};
-    for (const [item, text] of Object.entries(items)) {
-      const number = numberIn(text);
-      if (number !== undefined) numbers[item] = number;
-    }
+    const numbers = numbersIn(items);
     this.history.add(time, numbers, RISING);
     this.#addParts(items);
     this.#showItems(items, numbers);

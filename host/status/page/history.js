@@ -1,8 +1,9 @@
-// What a chain has published over the last minutes, kept in the page.
+// What a chain has published over the last minutes, kept in the page: every second since it was
+// opened, and before that what the program has kept.
 
 const KEPT_MILLISECONDS = 15.5 * 60 * 1000;
 // Readings further apart are not joined by a line: nobody looked in between.
-const LONGEST_STEP_MILLISECONDS = 5000;
+const LONGEST_STEP_MILLISECONDS = 12000;
 
 // The name under which a counter's increase per second is kept.
 function rateOf(item) {

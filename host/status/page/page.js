@@ -7,6 +7,7 @@ const chains = new Map();
 let minutes = 5;
 let lastAnswer = null;  // the time of the latest answer
 let isSilent = false;
+let past = [];  // until the first answer with items: {time, groups}, the oldest first
 
 function byId(id) {
   return document.getElementById(id);
@@ -54,6 +55,9 @@ function addChain(name) {
   entry.append(chain.link());
   byId('overview').firstElementChild.append(entry);
   byId('overview').hidden = chains.size < 2;
+  for (const {time, groups} of past) {
+    if (groups.has(name)) chain.recall(time, groups.get(name));
+  }
   return chain;
 }
 
@@ -71,6 +75,7 @@ function accept(time, items) {
   for (const [name, group] of groups) {
     news.push((chains.get(name) ?? addChain(name)).accept(time, group));
   }
+  if (groups.size > 0) past = [];
   for (const [name, chain] of chains) {
     if (!groups.has(name)) news.push(chain.vanish(time));
   }
@@ -96,19 +101,25 @@ function miss(time) {
   announce([text]);
 }
 
-// The items, or null where no answer comes.
-async function ask() {
+// What a path of the program gives, or null where no answer comes.
+async function ask(path) {
   try {
     const signal = AbortSignal.timeout(PATIENCE_MILLISECONDS);
-    const response = await fetch('status.json', {cache: 'no-store', signal});
+    const response = await fetch(path, {cache: 'no-store', signal});
     return response.ok ? await response.json() : null;
   } catch {
     return null;
   }
 }
 
+async function askForThePast() {
+  const samples = await ask('history.json') ?? [];
+  const now = Date.now();
+  past = samples.map(({age, items}) => ({time: now - age * 1000, groups: groupedByChain(items)}));
+}
+
 async function poll() {
-  const items = await ask();
+  const items = await ask('status.json');
   if (items) accept(Date.now(), items);
   else miss(Date.now());
   setTimeout(poll, POLL_MILLISECONDS);
@@ -120,4 +131,4 @@ byId('window').addEventListener('change', (event) => {
 });
 document.addEventListener('visibilitychange', draw);
 minutes = Number(new FormData(byId('window')).get('minutes'));
-poll();
+askForThePast().then(poll);

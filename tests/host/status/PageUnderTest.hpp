@@ -11,13 +11,14 @@
 
 namespace host_tests {
 
-// In the page: time stands still but for step(), whose answer is the next one that the page gets;
-// null is none. The page may have asked its real server before, which has no items.
+// In the page, before its own script: time stands still but for step(), whose answer is the next
+// one that the page gets; null is none. `past` is what it hears of the time before.
 inline constexpr const char* ownClockAndAnswers = R"js(
   const realTimer = window.setTimeout;
   const test = window.test = {now: Date.UTC(2026, 2, 14, 12, 0, 0), answer: {}, poll: null};
   Date.now = () => test.now;
-  window.fetch = async () => {
+  window.fetch = async (path) => {
+    if (path === 'history.json') return {ok: true, json: async () => past};
     if (test.answer === null) throw new TypeError('no answer');
     return {ok: true, json: async () => structuredClone(test.answer)};
   };
@@ -37,9 +38,11 @@ inline constexpr const char* ownClockAndAnswers = R"js(
 
 class PageUnderTest {
  public:
-  PageUnderTest() {
+  // `past` is what /history.json is, as a literal of JavaScript.
+  explicit PageUnderTest(const std::string& past = "[]") {
+    const std::string script = "const past = " + past + ";" + ownClockAndAnswers;
+    _browser.devTools("Page.addScriptToEvaluateOnNewDocument", {{"source", "{" + script + "}"}});
     _browser.open("http://127.0.0.1:" + std::to_string(_server.port()) + "/");
-    _browser.run(ownClockAndAnswers);
   }
 
   test_support::WebDriver& browser() { return _browser; }

@@ -25,7 +25,7 @@ class StatusPage : public testing::Test {
  protected:
   void SetUp() override {
     if (!WebDriver::available()) GTEST_SKIP() << "chromium is not installed";
-    _page.emplace();
+    openWith("[]");
   }
   // Nothing in the page failed, was refused by its policy, or was asked elsewhere.
   void TearDown() override {
@@ -36,6 +36,10 @@ class StatusPage : public testing::Test {
               Texts());
   }
 
+  void openWith(const std::string& past) {
+    _page.reset();
+    _page.emplace(past);
+  }
   PageUnderTest& page() { return *_page; }
   WebDriver& browser() { return _page->browser(); }
 
@@ -187,6 +191,20 @@ TEST_F(StatusPage, NamesALargestThatIsFarAboveTheCurvesInsteadOfFlatteningThem) 
       {{"a.b.requestSizeEWMAShortBytes", "100"}, {"a.b.requestSizeMaxInLastHourBytes", "2000000"}});
   EXPECT_THAT(textsOf(".grid text"), testing::Contains("↑ largest of the hour: 2.00\u202fMB"));
   EXPECT_EQ(textOf(shown("requestSizeMaxInLastHourBytes")), "2.00\u202fMB");
+}
+
+TEST_F(StatusPage, DrawsWhatTheProgramRemembersOfTheTimeBeforeItWasOpened) {
+  openWith(
+      "[{age: 9, items: {'a.b.queueSize': '2', 'a.b.responsesTowardsHost': '10', 'x.y.z': '1'}},"
+      " {age: 4, items: {'a.b.queueSize': '7', 'a.b.responsesTowardsHost': '20'}}]");
+  page().answer({{"a.b.queueSize", "3"}, {"a.b.responsesTowardsHost", "35"}});
+  EXPECT_EQ(attribute(".chart svg[role=img]", "aria-label"),
+            "Answers per second, last 5 minutes. status 200 to 399 3.00\u202f/s, between "
+            "2.00\u202f/s and 3.00\u202f/s; errors: no values yet.");
+  const std::string path = attribute(curve("queueSize"), "d");
+  EXPECT_EQ(std::count(path.begin(), path.end(), 'M'), 1) << path;
+  EXPECT_EQ(std::count(path.begin(), path.end(), 'L'), 2) << path;
+  EXPECT_THAT(textsOf(".chain h2"), ElementsAre("a.b")) << "and nothing of what is no more";
 }
 
 TEST_F(StatusPage, KeepsWhatItKnowsWhileNoAnswerComesAndGoesOnByItself) {

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 
+#include "host/status/StatusJson.hpp"
 #include "host/status/StatusServer.hpp"
 #include "tests/support/ScriptedProxy.hpp"
 
@@ -21,8 +22,8 @@ using testing::Not;
 using testing::StartsWith;
 
 TEST(StatusAsJson, WritesEveryItemAsTextUnderItsKey) {
-  EXPECT_EQ(statusAsJson({}), "{}\n");
-  EXPECT_EQ(statusAsJson({{"b", "1"}, {"a", "x \"y\""}}), "{\"a\":\"x \\\"y\\\"\",\"b\":\"1\"}\n");
+  EXPECT_EQ(statusAsJson({}), "{}");
+  EXPECT_EQ(statusAsJson({{"b", "1"}, {"a", "x \"y\""}}), "{\"a\":\"x \\\"y\\\"\",\"b\":\"1\"}");
 }
 
 TEST(AreAllOnline, NeedsTheStatusOfEveryChain) {
@@ -80,6 +81,13 @@ TEST_F(StatusServerTest, ServesTheItemsAsTheyAreNow) {
   EXPECT_EQ(_headers.getContentType(), "text/plain; version=0.0.4; charset=utf-8");
 }
 
+TEST_F(StatusServerTest, StartsItsHistoryByItself) {
+  std::string history;
+  while (history.find("age") == std::string::npos) history = ask("/history.json").second;
+  EXPECT_THAT(history, StartsWith("[{\"age\":"));
+  EXPECT_EQ(_headers.getContentType(), "application/json");
+}
+
 TEST_F(StatusServerTest, HealthIs200OnlyWhileEveryChainIsOnline) {
   EXPECT_EQ(ask("/healthz").first, 503);
   qor_set_user_status_item(_item, "ONLINE");
@@ -95,7 +103,7 @@ TEST_F(StatusServerTest, RefusesOtherPathsAndMethods) {
 }
 
 TEST_F(StatusServerTest, AnswersEveryPathToHeadWithoutABody) {
-  for (const char* path : {"/", "/status.json", "/metrics"}) {
+  for (const char* path : {"/", "/status.json", "/history.json", "/metrics"}) {
     EXPECT_EQ(ask(path, "HEAD"), Answer(200, "")) << path;
     EXPECT_GT(_headers.getContentLength(), 0) << path;
   }
@@ -111,7 +119,8 @@ TEST_F(StatusServerTest, SaysWhichMethodsItKnows) {
 
 // Its threads are few, and each page that is open asks every second.
 TEST_F(StatusServerTest, ClosesTheConnectionAfterEachAnswer) {
-  for (const char* path : {"/", "/status.json", "/metrics", "/healthz", "/other"}) {
+  for (const char* path :
+       {"/", "/status.json", "/history.json", "/metrics", "/healthz", "/other"}) {
     ask(path);
     EXPECT_FALSE(_headers.getKeepAlive()) << path;
   }

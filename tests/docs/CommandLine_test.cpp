@@ -106,6 +106,20 @@ TEST(SummaryTable, HasExactlyTheKeysOfTheSummary) {
   EXPECT_EQ(documented, keysOf(get<map_t>(get<connectivity::list_t>(*chains)[0])));
 }
 
+// --- Texts ---------------------------------------------------------------------------------------
+
+// The texts stand in the test that makes each mistake, or else in the sources.
+TEST(MistakesTable, QuotesWhatTheProgramSays) {
+  const auto literals = literalsBelow({"tests/host", "tests/plugins", "host", "plugins"});
+  const Page page = readPage(pageName);
+  for (const Row& row : page.table("Likely mistakes").rows) {
+    EXPECT_FALSE(row.text("what to do").empty()) << row.place;
+    for (const std::string& code : row.codes("what the program says")) {
+      EXPECT_TRUE(isQuotedFrom(literals, code)) << row.place << ": nothing says " << code;
+    }
+  }
+}
+
 TEST(ErrorTexts, OfTheInterfaceStandInTheSources) {
   const auto formats = formatsBelow({"plugins", "connectivity", "orrery"});
   const Page page = readPage("docs/c-interface.md");

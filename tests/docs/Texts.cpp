@@ -59,4 +59,16 @@ bool isMadeBy(const std::vector<std::string>& formats, const std::string& text) 
   });
 }
 
+bool isQuotedFrom(const std::vector<std::string>& literals, const std::string& text) {
+  constexpr std::size_t longEnough = 12;
+  static const std::regex dots("\\.\\.\\.");
+  return std::ranges::all_of(
+      piecesOf(std::regex_replace(text, dots, gap)), [&](const std::string& piece) {
+        return std::ranges::any_of(literals, [&](const std::string& literal) {
+          return literal.find(piece) != std::string::npos ||
+                 (literal.size() >= longEnough && piece.find(literal) != std::string::npos);
+        });
+      });
+}
+
 }  // namespace docs_tests

@@ -111,6 +111,8 @@ class LiteralScanner {
       skipTo("*/");
     } else if (c == '\'') {
       skipCharacter();
+    } else if (_source.substr(_at).starts_with("R\"")) {
+      takeRawLiteral();
     } else if (c == '"') {
       takeLiteral();
     } else {
@@ -134,6 +136,16 @@ class LiteralScanner {
     } else {
       _at += _at + 2 < _source.size() && _source[_at + 2] == '\'' ? 3 : 1;
     }
+  }
+
+  // R"delimiter(text)delimiter"
+  void takeRawLiteral() {
+    _open = true;
+    const auto open = _source.find('(', _at);
+    const std::string end = ")" + std::string(_source.substr(_at + 2, open - _at - 2)) + "\"";
+    const auto close = _source.find(end, open);
+    _literal += _source.substr(open + 1, close - open - 1);
+    _at = close + end.size();
   }
 
   void takeLiteral() {

@@ -32,6 +32,8 @@ TEST(SourceLiterals, AreFoundAndJoined) {
   EXPECT_TRUE(
       has("Can't find filename in the form metadata. Data will be send as a string not as "
           "a binary payload"));
+  const auto raw = literalsBelow({"tests/docs"});
+  EXPECT_NE(std::ranges::find(raw, R"({"e": null})"), raw.end());
   EXPECT_TRUE(keyLiteralsBelow({"plugins/http_client"}).contains("qor.control.type"));
 }
 

@@ -107,7 +107,6 @@ function fillItems(table, items) {
 
 class Chain {
   constructor(name, index, onNeeded) {
-    this.name = name;
     this.history = new History();
     this.state = undefined;
     this.isPublished = true;

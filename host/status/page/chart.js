@@ -102,6 +102,7 @@ class Chart {
   #makeTable(onNeeded) {
     this.details = this.element.querySelector('details');
     this.details.addEventListener('toggle', onNeeded);
+    this.details.querySelector('.only-heard').textContent = `: ${this.definition.title}`;
     this.details.querySelector('.scroll').setAttribute('aria-label', this.definition.title);
     const head = this.details.querySelector('thead tr');
     for (const title of ['Time', ...this.definition.series.map(({name}) => name)]) {

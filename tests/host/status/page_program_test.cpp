@@ -58,13 +58,13 @@ class StatusPageOfARun : public testing::Test {
   }
 
  private:
+  std::atomic<bool> _refuses = false;
   ScriptedServer _server{[this](Connection& connection) {
     while (connection.readRequest()) {
       if (_refuses) return connection.reset();
       connection.sendResponse(200, {}, std::string(responseBytes, 'y'));
     }
   }};
-  std::atomic<bool> _refuses = false;
   StatusProgram _run{_server.port()};
   std::optional<WebDriver> _browser;
 };

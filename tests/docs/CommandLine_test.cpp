@@ -106,6 +106,24 @@ TEST(SummaryTable, HasExactlyTheKeysOfTheSummary) {
   EXPECT_EQ(documented, keysOf(get<map_t>(get<connectivity::list_t>(*chains)[0])));
 }
 
+// --- The environment -----------------------------------------------------------------------------
+
+TEST(EnvironmentTable, HasExactlyTheVariablesThatTheSourcesRead) {
+  static const std::regex reading("getenv\\(\"([A-Z_]+)\"\\)");
+  std::set<std::string> read;
+  for (const std::string& source : sourcesBelow({"orrery", "connectivity", "plugins", "host"})) {
+    for (auto it = std::sregex_iterator(source.begin(), source.end(), reading);
+         it != std::sregex_iterator(); ++it) {
+      read.insert((*it)[1]);
+    }
+  }
+  const Page page = readPage("docs/configuration.md");
+  for (const Row& row : page.table("Environment").rows) {
+    EXPECT_EQ(read.erase(row.name), 1U) << row.place << ": nothing reads it";
+  }
+  for (const auto& name : read) ADD_FAILURE() << page.name << ": no row for " << name;
+}
+
 // --- Texts ---------------------------------------------------------------------------------------
 
 // The texts stand in the test that makes each mistake, or else in the sources.

@@ -2,7 +2,6 @@
 // and the measured numbers.
 #include <algorithm>
 #include <cmath>
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <regex>
@@ -60,8 +59,7 @@ std::vector<LoggedText> loggedTexts(const std::string& folder) {
   static const std::regex call(
       R"re((?:Level::(Error|Warn|Info|Debug)[^"; ]* *|\.(error|warn|info|debug)\(\s*)(?:[^";(){}]*)((?:"(?:[^"\\]|\\.)*"\s*)+))re");
   std::vector<LoggedText> found;
-  for (const auto& entry : std::filesystem::recursive_directory_iterator(projectFile(folder))) {
-    const std::string source = test_support::readFile(entry.path().string());
+  for (const std::string& source : sourcesBelow({folder})) {
     for (auto it = std::sregex_iterator(source.begin(), source.end(), call);
          it != std::sregex_iterator(); ++it) {
       std::string level = (*it)[1].matched ? (*it)[1].str() : (*it)[2].str();

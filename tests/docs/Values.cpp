@@ -182,16 +182,21 @@ bool looksLikeKey(const std::string& text) {
 
 }  // namespace
 
-std::vector<std::string> literalsBelow(const std::vector<std::string>& folders) {
-  std::vector<std::string> literals;
+std::vector<std::string> sourcesBelow(const std::vector<std::string>& folders) {
+  std::vector<std::string> sources;
   for (const std::string& folder : folders) {
     for (const auto& entry : std::filesystem::recursive_directory_iterator(projectFile(folder))) {
       const auto extension = entry.path().extension();
       if (extension != ".cpp" && extension != ".hpp" && extension != ".h") continue;
-      const std::string source = test_support::readFile(entry.path().string());
-      LiteralScanner(source, literals).run();
+      sources.push_back(test_support::readFile(entry.path().string()));
     }
   }
+  return sources;
+}
+
+std::vector<std::string> literalsBelow(const std::vector<std::string>& folders) {
+  std::vector<std::string> literals;
+  for (const std::string& source : sourcesBelow(folders)) LiteralScanner(source, literals).run();
   return literals;
 }
 

@@ -29,6 +29,8 @@ bool matches(std::string_view text, std::string_view pattern);
 // with "...".
 bool holds(const connectivity::data_t& value, const connectivity::data_t& expected);
 
+// The source files below these folders of the project.
+std::vector<std::string> sourcesBelow(const std::vector<std::string>& folders);
 // The string literals of source files below these folders of the project, adjacent ones joined.
 std::vector<std::string> literalsBelow(const std::vector<std::string>& folders);
 // Those that look like keys: letters, digits, "/" and ".", beginning with a letter.

@@ -12,8 +12,14 @@ endif()
 
 # --- What runs -----------------------------------------------------------------------------------
 
-set_target_properties(orrery-host PROPERTIES INSTALL_RPATH "$ORIGIN/${ORRERY_BIN_TO_LIB}")
-set_target_properties(HTTPClient PROPERTIES INSTALL_RPATH "$ORIGIN/..")
+# One run path for the build tree and for the installed one: where CMake is to change it at installing, it
+# pads it with colons, and the loader takes what is behind a colon for the current folder.
+set(orrery_program_rpath "$ORIGIN/../lib" "$ORIGIN/${ORRERY_BIN_TO_LIB}")
+list(REMOVE_DUPLICATES orrery_program_rpath)
+set_target_properties(orrery-host PROPERTIES
+  INSTALL_RPATH "${orrery_program_rpath}" BUILD_WITH_INSTALL_RPATH ON)
+set_target_properties(HTTPClient PROPERTIES
+  INSTALL_RPATH "$ORIGIN;$ORIGIN/.." BUILD_WITH_INSTALL_RPATH ON)
 install(TARGETS orrery-host RUNTIME COMPONENT runtime)
 install(TARGETS HTTPClient LIBRARY DESTINATION "${ORRERY_PLUGIN_DIR}" COMPONENT runtime)
 install(TARGETS orrery EXPORT orreryTargets

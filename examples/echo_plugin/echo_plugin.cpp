@@ -94,6 +94,10 @@ class Echo {
 
   int connect(void* chain, qor_send_batch_towards_host_t send) {
     const std::lock_guard lock(_mutex);
+    if (isStarted()) {
+      qor_log_at(category(), QOR_LOG_ERROR, "Echo cannot be connected after its start");
+      return 1;
+    }
     _chain = chain;
     _send = send;
     return 0;
@@ -101,7 +105,7 @@ class Echo {
 
   int start() {
     const std::lock_guard lock(_mutex);
-    if (_send == nullptr || _workerId != std::thread::id() || _ending) {
+    if (_send == nullptr || isStarted() || _ending) {
       qor_log_at(category(), QOR_LOG_ERROR, "Echo cannot be started without a host, or twice");
       return 1;
     }
@@ -147,7 +151,8 @@ class Echo {
     dropQueue();  // what was sent before a start that never came
   }
 
-  // _mutex is held.
+  // _mutex is held by whoever calls one of these two.
+  bool isStarted() const { return _workerId != std::thread::id(); }
   void dropQueue() {
     for (qor_message_t& message : _queue) release(message);
     _queue.clear();

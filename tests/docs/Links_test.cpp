@@ -88,5 +88,12 @@ TEST(Links, TheReadmeLeadsToEveryPage) {
   }
 }
 
+TEST(Links, TheSiteHasEveryPage) {
+  const std::string site = test_support::readFile(projectFile("mkdocs.yml"));
+  for (const std::string& page : allPages()) {
+    EXPECT_NE(site.find(": " + page + "\n"), std::string::npos) << "mkdocs.yml: nav lacks " << page;
+  }
+}
+
 }  // namespace
 }  // namespace docs_tests

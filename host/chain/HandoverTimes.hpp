@@ -40,7 +40,9 @@ class HandoverTimes {
   };
 
   Index freeEntry();
-  Bucket& bucketOf(std::uint64_t key) noexcept { return _buckets[key % _buckets.size()]; }
+  Bucket& bucketOf(std::uint64_t key) noexcept {
+    return _buckets[static_cast<std::size_t>(key % _buckets.size())];
+  }
 
   std::vector<Bucket> _buckets;
   std::vector<Entry> _entries;

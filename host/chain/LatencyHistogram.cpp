@@ -18,14 +18,14 @@ constexpr std::size_t buckets = parts * (64 - partBits + 1);
 LatencyHistogram::LatencyHistogram() : _buckets(buckets) {}
 
 std::size_t LatencyHistogram::bucketOf(std::uint64_t nanoseconds) noexcept {
-  if (nanoseconds < 2 * parts) return nanoseconds;
+  if (nanoseconds < 2 * parts) return static_cast<std::size_t>(nanoseconds);
   const auto shift = static_cast<unsigned>(std::bit_width(nanoseconds)) - partBits - 1;
-  return parts * shift + (nanoseconds >> shift);
+  return static_cast<std::size_t>(parts * shift + (nanoseconds >> shift));
 }
 
 std::uint64_t LatencyHistogram::middleOf(std::size_t bucket) noexcept {
   if (bucket < 2 * parts) return bucket;
-  const std::size_t shift = bucket / parts - 1;
+  const std::uint64_t shift = bucket / parts - 1;
   const std::uint64_t lowest = (bucket - parts * shift) << shift;
   return lowest + (std::uint64_t{1} << shift) / 2;
 }

@@ -145,7 +145,9 @@ std::pair<std::string, std::string> parseHeader(const std::string& text) {
       end == std::string::npos ? std::string_view() : std::string_view(text).substr(end + 1);
   const bool isEmpty = withoutBlanks(value).empty();
   if (end == 0 || end == std::string::npos || (text[end] == ';') != isEmpty) {
-    throw UsageError("-H " + text + ": must be \"Name: value\", or \"Name;\" for an empty value");
+    // Without the value, which may be a secret.
+    throw UsageError("-H " + text.substr(0, text.find_first_of(" :;")) +
+                     R"(: must be "Name: value", or "Name;" for an empty value)");
   }
   return {text.substr(0, end), std::string(withoutBlanks(value))};
 }

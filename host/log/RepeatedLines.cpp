@@ -67,6 +67,7 @@ std::vector<LogLine> RepeatedLines::rest(TimePoint now) {
     return left->heldBack == 1 && right->heldBack > 1;
   });
   std::vector<LogLine> out;
+  out.reserve(held.size());
   for (Recent* recent : held) out.push_back(release(*recent, now));
   return out;
 }

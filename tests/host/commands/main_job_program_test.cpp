@@ -306,16 +306,20 @@ TEST(MainJobSignals, TheFirstWaitsForTheAnswerThatIsStillToCome) {
 TEST(MainJobSignals, TheSecondDropsWhatIsQueuedBehindTheRequestUnderWay) {
   Event release("the end of the stall");
   ScriptedServer server(echoWithStall(release));
-  const HttpChainFile chain(server.port());
-  HostProgram program({"run", chain.path()});
-  std::string input = line("0", "GET", "/stall");
-  for (int i = 1; i < 6; ++i) input += line(std::to_string(i), "GET", "/queued");
+  // One worker has them all to do; the end of the other shows that the queue has ended.
+  const HttpChainFile chain(server.port(), "numClients: 2");
+  HostProgram program({"run", chain.path(), "--log-level", "debug"});
+  std::string input = line("0", "GET", "/stall", "null", "", keyed("one"));
+  for (int i = 1; i < 6; ++i) {
+    input += line(std::to_string(i), "GET", "/queued", "null", "", keyed("one"));
+  }
   program.write(input);
   server.waitForRequests(1);
   program.signal(SIGTERM);
   program.waitForErrors("Stopping: reading no further");
   program.signal(SIGTERM);
   program.waitForErrors("Stopping at once");
+  program.waitForErrors("This queue has been terminated");
   release.set();
   EXPECT_EQ(program.wait(), 0);
   EXPECT_EQ(server.requestCount(), 1U);

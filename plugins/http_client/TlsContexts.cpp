@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include <Poco/Crypto/OpenSSLInitializer.h>
+#include <Poco/Exception.h>
 #include <Poco/Net/IPAddress.h>
 #include <Poco/Net/SSLException.h>
 #include <Poco/String.h>
@@ -20,10 +22,22 @@ constexpr const char* cipherList = "HIGH+TLSv1.2:!COMPLEMENTOFDEFAULT:!PSK:!aNUL
 // Redirects can name any number of hosts; beyond this many the contexts are made anew.
 constexpr std::size_t maxContexts = 64;
 
+// A context whose constructor throws keeps the use of OpenSSL that it has counted; it is given back
+// here, or what Poco allocates for the first use would never be freed.
+Context::Ptr countedContext(const std::string& caFile, Context::VerificationMode mode,
+                            bool loadDefaultCAs) {
+  try {
+    return new Context(Context::TLSV1_2_CLIENT_USE, caFile, mode, verificationDepth, loadDefaultCAs,
+                       cipherList);
+  } catch (const Poco::Exception&) {
+    Poco::Crypto::OpenSSLInitializer::uninitialize();
+    throw;
+  }
+}
+
 Context::Ptr newContext(const std::string& caFile, Context::VerificationMode mode,
                         bool loadDefaultCAs) {
-  Context::Ptr context = new Context(Context::TLSV1_2_CLIENT_USE, caFile, mode, verificationDepth,
-                                     loadDefaultCAs, cipherList);
+  Context::Ptr context = countedContext(caFile, mode, loadDefaultCAs);
   // OpenSSL's verdict stands: no handler that the process may have installed is asked.
   SSL_CTX_set_verify(context->sslContext(), mode, nullptr);
   return context;

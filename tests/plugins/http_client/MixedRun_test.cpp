@@ -307,12 +307,15 @@ void addCookiesAndRedirects(std::vector<Kind>& all) {
   all.push_back({"CookieOfARedirect", 4, getSteps,
                  [](Connection& connection, const Arrival& arrival) {
                    if (arrival.step == 1) return sendCookies(connection, arrival);
-                   const std::string line =
-                       "step=" + text(arrival.number) + "; Path=" + path(arrival.number, 1);
+                   // A name of its own: the jar holds one cookie of a name, whatever its path, and
+                   // such requests run side by side.
+                   const std::string line = "step" + text(arrival.number) + "=" +
+                                            text(arrival.number) +
+                                            "; Path=" + path(arrival.number, 1);
                    return redirect(connection, 302, 1, {{"Set-Cookie", line}});
                  },
                  [](int n) {
-                   Expected expected = success("step=" + text(n));
+                   Expected expected = success("step" + text(n) + "=" + text(n));
                    expected.arrivals = 2;
                    return expected;
                  }});

@@ -15,11 +15,11 @@
 #include "host/chain/NearestWord.hpp"
 #include "host/commands/CheckCommand.hpp"
 #include "host/commands/ExitStatus.hpp"
-#include "host/commands/RequestArguments.hpp"
-#include "host/commands/RequestCommand.hpp"
 #include "host/commands/RunCommand.hpp"
 #include "host/commands/Version.hpp"
 #include "host/demo/DemoCommand.hpp"
+#include "host/request/RequestArguments.hpp"
+#include "host/request/RequestCommand.hpp"
 
 namespace host {
 

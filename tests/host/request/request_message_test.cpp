@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 
 #include "connectivity/value_access.hpp"
-#include "host/commands/RequestFields.hpp"
-#include "host/commands/RequestMessage.hpp"
 #include "host/commands/UsageError.hpp"
 #include "host/messages/JsonWriter.hpp"
+#include "host/request/RequestFields.hpp"
+#include "host/request/RequestMessage.hpp"
 #include "tests/support/TemporaryDirectory.hpp"
 
 namespace host {

@@ -1,4 +1,4 @@
-#include "host/commands/RequestUrl.hpp"
+#include "host/request/RequestUrl.hpp"
 
 #include <algorithm>
 #include <arpa/inet.h>

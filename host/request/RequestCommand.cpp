@@ -1,4 +1,4 @@
-#include "host/commands/RequestCommand.hpp"
+#include "host/request/RequestCommand.hpp"
 
 #include <cerrno>
 #include <cstdio>

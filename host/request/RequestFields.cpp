@@ -1,4 +1,4 @@
-#include "host/commands/RequestFields.hpp"
+#include "host/request/RequestFields.hpp"
 
 #include <algorithm>
 #include <cerrno>

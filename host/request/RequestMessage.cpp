@@ -1,4 +1,4 @@
-#include "host/commands/RequestMessage.hpp"
+#include "host/request/RequestMessage.hpp"
 
 #include <algorithm>
 #include <array>
@@ -9,9 +9,9 @@
 
 #include "connectivity/value_access.hpp"
 #include "host/chain/NearestWord.hpp"
-#include "host/commands/RequestFields.hpp"
-#include "host/commands/RequestUrl.hpp"
 #include "host/commands/UsageError.hpp"
+#include "host/request/RequestFields.hpp"
+#include "host/request/RequestUrl.hpp"
 
 namespace host {
 

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "host/commands/RequestUrl.hpp"
 #include "host/commands/UsageError.hpp"
+#include "host/request/RequestUrl.hpp"
 
 namespace host {
 namespace {

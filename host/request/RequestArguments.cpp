@@ -1,4 +1,4 @@
-#include "host/commands/RequestArguments.hpp"
+#include "host/request/RequestArguments.hpp"
 
 #include <cstddef>
 #include <memory>

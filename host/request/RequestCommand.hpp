@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/commands/ExitStatus.hpp"
-#include "host/commands/RequestMessage.hpp"
+#include "host/request/RequestMessage.hpp"
 
 namespace host {
 

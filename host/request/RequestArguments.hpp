@@ -5,7 +5,7 @@
 
 #include <CLI/App.hpp>
 
-#include "host/commands/RequestMessage.hpp"
+#include "host/request/RequestMessage.hpp"
 
 namespace host {
 

@@ -9,11 +9,15 @@ jobs="$(nproc)"
 export CCACHE_BASEDIR="$project"
 export CCACHE_NOHASHDIR=1
 
-# Installs the packages of packages.txt that are missing; does nothing when none is.
+# Installs the packages of packages.txt that are missing, of the first part alone: install_packages build.
+# Does nothing when none is.
 install_packages() {
   local package missing=()
   while read -r package; do
-    case "$package" in '' | '#'*) continue ;; esac
+    case "$package" in
+      '# To test,'*) if [ "${1:-}" = build ]; then break; else continue; fi ;;
+      '' | '#'*) continue ;;
+    esac
     if ! dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed'; then
       missing+=("$package")
     fi

@@ -32,19 +32,14 @@ bool createAll(const ChainFile& file, StatusTable& status, HostLog& log) {
 }  // namespace
 
 ExitStatus check(const std::string& chainFile) {
-  try {
-    const ChainFile file = readChainFile(chainFile);
-    checkFiles(file);
-    // Only what is wrong matters here.
-    HostLog log(std::min<int>(file.log.level, QOR_LOG_WARN), {});
-    StatusTable status;
-    if (!createAll(file, status, log)) return ExitStatus::CouldNotRun;
-    std::puts("OK");
-    return ExitStatus::Success;
-  } catch (const std::exception& error) {
-    complain(error);
-    return ExitStatus::CouldNotRun;
-  }
+  const ChainFile file = readChainFile(chainFile);
+  checkFiles(file);
+  // Only what is wrong matters here.
+  HostLog log(std::min<int>(file.log.level, QOR_LOG_WARN), {});
+  StatusTable status;
+  if (!createAll(file, status, log)) return ExitStatus::CouldNotRun;
+  std::puts("OK");
+  return ExitStatus::Success;
 }
 
 }  // namespace host

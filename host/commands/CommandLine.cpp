@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdio>
+#include <exception>
 #include <iostream>
 #include <map>
 #include <span>
@@ -14,8 +14,10 @@
 
 #include "host/chain/NearestWord.hpp"
 #include "host/commands/CheckCommand.hpp"
+#include "host/commands/Complaint.hpp"
 #include "host/commands/ExitStatus.hpp"
 #include "host/commands/RunCommand.hpp"
+#include "host/commands/UsageError.hpp"
 #include "host/commands/Version.hpp"
 #include "host/demo/DemoCommand.hpp"
 #include "host/request/RequestArguments.hpp"
@@ -160,6 +162,12 @@ int runCommandLine(int argc, const char* const* argv) {
     if (isMistake && argc > 1) std::cerr << describeMistakes(app, given.subspan(1));
     const bool isHelp = app.exit(error, std::cout, std::cerr) == 0;
     return static_cast<int>(isHelp ? ExitStatus::Success : ExitStatus::WrongUsage);
+  } catch (const UsageError& error) {
+    complain(error);
+    return static_cast<int>(ExitStatus::WrongUsage);
+  } catch (const std::exception& error) {
+    complain(error);
+    return static_cast<int>(ExitStatus::CouldNotRun);
   }
 }
 

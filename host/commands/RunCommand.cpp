@@ -3,7 +3,6 @@
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <exception>
 #include <memory>
 #include <optional>
 #include <poll.h>
@@ -15,7 +14,6 @@
 #include "host/chain/Chain.hpp"
 #include "host/chain/ChainFile.hpp"
 #include "host/chain/Wakeup.hpp"
-#include "host/commands/Complaint.hpp"
 #include "host/commands/Progress.hpp"
 #include "host/commands/Signals.hpp"
 #include "host/commands/UsageError.hpp"
@@ -182,22 +180,14 @@ class Run {
 }  // namespace
 
 ExitStatus run(const RunOptions& options) {
-  try {
-    const ChainFile file = readOptions(options);
-    checkFiles(file);
-    Signals signals;
-    HostLog log(file.log.level, file.log.levels);
-    Run chains(file, options, log, signals);
-    chains.start();
-    chains.untilTheEnd();
-    return chains.finish();
-  } catch (const UsageError& error) {
-    complain(error);
-    return ExitStatus::WrongUsage;
-  } catch (const std::exception& error) {
-    complain(error);
-    return ExitStatus::CouldNotRun;
-  }
+  const ChainFile file = readOptions(options);
+  checkFiles(file);
+  Signals signals;
+  HostLog log(file.log.level, file.log.levels);
+  Run chains(file, options, log, signals);
+  chains.start();
+  chains.untilTheEnd();
+  return chains.finish();
 }
 
 }  // namespace host

@@ -20,7 +20,8 @@ struct RunOptions {
   SummaryForm summary = SummaryForm::Text;
 };
 
-// Returns when every chain has ended. Errors go to standard error.
+// Returns when every chain has ended. UsageError where the options do not fit the chain file,
+// std::runtime_error where a chain cannot start.
 ExitStatus run(const RunOptions& options);
 
 }  // namespace host

@@ -1,7 +1,6 @@
 #include "host/demo/DemoCommand.hpp"
 
 #include <cstdio>
-#include <exception>
 #include <map>
 #include <optional>
 #include <set>
@@ -15,7 +14,6 @@
 #include "host/chain/FlushMessage.hpp"
 #include "host/chain/PluginLibrary.hpp"
 #include "host/chain/Transport.hpp"
-#include "host/commands/Complaint.hpp"
 #include "host/demo/DemoAnswers.hpp"
 #include "host/demo/DemoRequests.hpp"
 #include "host/demo/DemoServer.hpp"
@@ -110,7 +108,9 @@ std::size_t printFaults(const std::vector<DemoRequest>& requests,
   return faults;
 }
 
-ExitStatus runDemo() {
+}  // namespace
+
+ExitStatus demo() {
   HostLog log(QOR_LOG_ERROR, {});
   const DemoServer server;
   const std::vector<DemoRequest> requests = makeDemoRequests(howManyRequests);
@@ -142,17 +142,6 @@ ExitStatus runDemo() {
               howManyFlushes, barriersHeld);
   return faults == 0 && barriersHeld == howManyFlushes ? ExitStatus::Success
                                                        : ExitStatus::CouldNotRun;
-}
-
-}  // namespace
-
-ExitStatus demo() {
-  try {
-    return runDemo();
-  } catch (const std::exception& error) {
-    complain(error);
-    return ExitStatus::CouldNotRun;
-  }
 }
 
 }  // namespace host

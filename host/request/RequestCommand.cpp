@@ -16,7 +16,6 @@
 #include "host/chain/PluginLibrary.hpp"
 #include "host/chain/Transport.hpp"
 #include "host/commands/Complaint.hpp"
-#include "host/commands/UsageError.hpp"
 #include "host/log/HostLog.hpp"
 #include "host/messages/MessageWriter.hpp"
 #include "host/status/StatusTable.hpp"
@@ -129,15 +128,7 @@ ExitStatus send(SingleRequest&& request, const RequestOptions& options) {
 }  // namespace
 
 ExitStatus request(const RequestOptions& options) {
-  try {
-    return send(makeSingleRequest(options), options);
-  } catch (const UsageError& error) {
-    complain(error);
-    return ExitStatus::WrongUsage;
-  } catch (const std::exception& error) {
-    complain(error);
-    return ExitStatus::CouldNotRun;
-  }
+  return send(makeSingleRequest(options), options);
 }
 
 }  // namespace host

@@ -10,8 +10,8 @@ namespace host {
 // status line and headers before it; with `json` the whole response message instead. What the
 // transport says where there is no response goes to standard error.
 //
-// Success for a status of 200 to 399, else NoSuccess; CouldNotRun where the transport could not
-// start or standard output could not be written; WrongUsage.
+// Success for a status of 200 to 399, else NoSuccess. UsageError where an option is wrong,
+// std::runtime_error where the transport could not start or standard output could not be written.
 ExitStatus request(const RequestOptions& options);
 
 }  // namespace host

@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "plugins/http_client/ConfiguredOptions.hpp"
+#include "tests/docs/ConfigurationPage.hpp"
 #include "tests/docs/Markdown.hpp"
 #include "tests/docs/Values.hpp"
 #include "tests/support/Messages.hpp"
@@ -23,18 +24,6 @@ namespace {
 using connectivity::data_t;
 using connectivity::map_t;
 using connectivity::plugins::ConfiguredOptions;
-
-const std::string pageName = "docs/configuration.md";
-
-const std::vector<Row>& optionRows() {
-  static const Page page = readPage(pageName);
-  return page.table("The transport").rows;
-}
-
-const std::vector<Row>& olderSpellingRows() {
-  static const Page page = readPage(pageName);
-  return page.table("The transport", 1).rows;
-}
 
 // The error of a configuration, or none.
 std::optional<std::string> errorOf(const map_t& configuration) {
@@ -74,10 +63,11 @@ TEST(ConfigurationOptions, HasExactlyTheKeysThatTheTransportAccepts) {
   }
   const auto accepted = acceptedKeys();
   for (const auto& key : accepted) {
-    EXPECT_TRUE(documented.contains(key)) << pageName << ": no row for the option " << key;
+    EXPECT_TRUE(documented.contains(key))
+        << configurationPageName << ": no row for the option " << key;
   }
   for (const auto& key : documented) {
-    EXPECT_TRUE(accepted.contains(key)) << pageName << ": there is no option " << key;
+    EXPECT_TRUE(accepted.contains(key)) << configurationPageName << ": there is no option " << key;
   }
 }
 

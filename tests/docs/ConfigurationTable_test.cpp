@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include "connectivity/value_access.hpp"
+#include "tests/docs/ConfigurationPage.hpp"
 #include "tests/docs/Markdown.hpp"
 #include "tests/docs/Sandbox.hpp"
 #include "tests/docs/Values.hpp"
@@ -30,18 +31,6 @@ using test_support::RecordedRequest;
 using test_support::Request;
 using test_support::ScriptedProxy;
 using test_support::ScriptedServer;
-
-const std::string pageName = "docs/configuration.md";
-
-const std::vector<Row>& optionRows() {
-  static const Page page = readPage(pageName);
-  return page.table("The transport").rows;
-}
-
-const std::vector<Row>& olderSpellingRows() {
-  static const Page page = readPage(pageName);
-  return page.table("The transport", 1).rows;
-}
 
 // --- The examples --------------------------------------------------------------------------------
 
@@ -266,7 +255,7 @@ TEST(ConfigurationTable, OlderSpellingsTakeTheSameEffect) {
 
 TEST(ConfigurationErrors, AreWhatTheProgramSays) {
   const Sandbox sandbox;
-  const Page page = readPage(pageName);
+  const Page& page = configurationPage();
   for (const Row& row : page.table("Errors").rows) {
     ASSERT_EQ(row.codes("example").size(), 1U) << row.place;
     const Outcome outcome = checkChainFile(sandbox, chainFileWith(row.codes("example").front()));

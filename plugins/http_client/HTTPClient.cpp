@@ -9,7 +9,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "orrery/Platform.hpp"
-#include "plugins/http_client/ClientSessionThread.hpp"
+#include "plugins/http_client/worker/ClientSessionThread.hpp"
 
 namespace connectivity::plugins {
 

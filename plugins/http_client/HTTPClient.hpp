@@ -23,14 +23,14 @@
 #include "orrery/Mutex.hpp"
 #include "orrery/RefCountedObject.hpp"
 #include "orrery/ThreadLocal.hpp"
-#include "plugins/http_client/AffinityQueue.hpp"
-#include "plugins/http_client/BatchGate.hpp"
-#include "plugins/http_client/ConfiguredOptions.hpp"
-#include "plugins/http_client/Cookies.hpp"
-#include "plugins/http_client/DataTConstants.hpp"
-#include "plugins/http_client/Metrics.hpp"
-#include "plugins/http_client/Sentinel.hpp"
-#include "plugins/http_client/TlsContexts.hpp"
+#include "plugins/http_client/config/ConfiguredOptions.hpp"
+#include "plugins/http_client/config/DataTConstants.hpp"
+#include "plugins/http_client/dispatch/AffinityQueue.hpp"
+#include "plugins/http_client/dispatch/BatchGate.hpp"
+#include "plugins/http_client/dispatch/Sentinel.hpp"
+#include "plugins/http_client/shared/Cookies.hpp"
+#include "plugins/http_client/shared/Metrics.hpp"
+#include "plugins/http_client/wire/TlsContexts.hpp"
 
 namespace connectivity::plugins {
 

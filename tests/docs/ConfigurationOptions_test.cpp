@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "plugins/http_client/ConfiguredOptions.hpp"
+#include "plugins/http_client/config/ConfiguredOptions.hpp"
 #include "tests/docs/ConfigurationPage.hpp"
 #include "tests/docs/Markdown.hpp"
 #include "tests/docs/Values.hpp"

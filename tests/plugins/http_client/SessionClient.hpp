@@ -11,7 +11,7 @@
 #include <Poco/Net/HTTPResponse.h>
 #include <Poco/Timespan.h>
 
-#include "plugins/http_client/PersistentSession.hpp"
+#include "plugins/http_client/wire/PersistentSession.hpp"
 
 namespace connectivity::plugins {
 

@@ -1,0 +1,57 @@
+// Decoding the body of a response that is compressed as gzip or in zlib's format.
+//
+// Poco's inflating stream takes content that breaks off before its first decoded byte for empty,
+// and stops behind the first member of a gzip content of several (RFC 1952, 2.2); this one does
+// neither, and decodes straight into the reader's memory.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <istream>
+#include <memory>
+#include <streambuf>
+#include <vector>
+
+#include "plugins/http_client/text/MediaTypes.hpp"
+
+struct z_stream_s;
+
+namespace connectivity::plugins {
+
+// Reads from `source`, which is borrowed. Used as a std::istream's buffer, so that corrupt content,
+// and a source that fails, set the stream's bad bit. Content that breaks off is an end of file;
+// brokeOff() tells it. Bytes behind the content are ignored; some of them may have been read.
+class InflatingBuffer final : public std::streambuf {
+ public:
+  // REQUIRES: `coding` is gzip or deflate.
+  InflatingBuffer(std::streambuf& source, SupportedMediaType coding);
+  ~InflatingBuffer() override;
+  InflatingBuffer(const InflatingBuffer&) = delete;
+  InflatingBuffer& operator=(const InflatingBuffer&) = delete;
+
+  // The source came to its end before the content did.
+  bool brokeOff() const noexcept { return _brokeOff; }
+
+ protected:
+  int_type underflow() override;
+  std::streamsize xsgetn(char* into, std::streamsize count) override;
+
+ private:
+  static constexpr std::size_t inputBytes = 32768;
+  static constexpr std::size_t skippingBytes = 4096;
+
+  // Up to `room` decoded bytes; fewer only at the end.
+  std::size_t decode(char* into, std::size_t room);
+  bool refill();
+  bool beginsNextMember();
+
+  std::streambuf& _source;
+  const bool _gzip;
+  std::unique_ptr<z_stream_s> _zlib;
+  std::vector<char> _input;
+  std::array<char, skippingBytes> _decoded;  // for reading byte by byte, and skipping
+  bool _ended = false;
+  bool _brokeOff = false;
+};
+
+}  // namespace connectivity::plugins

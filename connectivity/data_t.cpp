@@ -20,50 +20,6 @@ const data_t* elementsOf(qor_underlying_list_t* block) noexcept {
       "Cannot use a null char* as a data_t value (consider using an empty data_t() instead)");
 }
 
-// Whether a value is equal to the alternative that the visitor is applied to.
-class EqualTo {
- public:
-  explicit EqualTo(const data_t& other) noexcept : _other(other) {}
-  bool operator()() const noexcept { return true; }
-  bool operator()(bool value) const noexcept { return value == _other.raw().value.boolean; }
-  bool operator()(double value) const noexcept { return value == _other.raw().value.float64; }
-  bool operator()(long long value) const noexcept { return value == _other.raw().value.int64; }
-  bool operator()(decimal_t value) const noexcept {
-    return value.bits == _other.raw().value.decimal;
-  }
-  bool operator()(const char* text) const noexcept { return std::strcmp(text, _other.text()) == 0; }
-  template <typename Block>
-  bool operator()(const Block& value) const {
-    return _other.apply_visitor(EqualBlocks<Block>{value});
-  }
-  // Custom values have no equality, not even with themselves.
-  bool operator()(const custom_t&) const noexcept { return false; }
-  bool unknown() const noexcept { return false; }
-
- private:
-  // Reached with equal tags only, so every alternative but Block is out of the question.
-  template <typename Block>
-  struct EqualBlocks {
-    const Block& left;
-    bool operator()(const Block& right) const { return equal(left, right); }
-    template <typename... Others>
-    bool operator()(const Others&...) const noexcept {
-      return false;
-    }
-    bool unknown() const noexcept { return false; }
-  };
-
-  static bool equal(const list_t& left, const list_t& right) {
-    return std::equal(left.begin(), left.end(), right.begin(), right.end());
-  }
-  static bool equal(const map_t& left, const map_t& right) { return left == right; }
-  static bool equal(const buffer_t& left, const buffer_t& right) noexcept {
-    return left.view() == right.view();
-  }
-
-  const data_t& _other;
-};
-
 }  // namespace
 
 // --- Lists -------------------------------------------------------------------------------------
@@ -107,10 +63,10 @@ bool iteratorChecksAreOn() noexcept {
 
 // With the checks off, the walk goes on over the list as it is now.
 const data_t* ListWalk::next() {
-  const bool unchanged = _list.block() == _block && _list.size() == _count;
+  const bool unchanged = _list->block() == _block && _list->size() == _count;
   if (!unchanged && iteratorChecksAreOn())
     throw std::runtime_error("Iterator invalidated by modifying list");
-  return _index < _list.size() ? &_list[_index++] : nullptr;
+  return _index < _list->size() ? &(*_list)[_index++] : nullptr;
 }
 
 }  // namespace details
@@ -197,10 +153,6 @@ void data_t::destroy() noexcept {
     default:
       return;
   }
-}
-
-bool data_t::operator==(const data_t& other) const {
-  return _tag == other._tag && apply_visitor(EqualTo(other));
 }
 
 }  // namespace connectivity

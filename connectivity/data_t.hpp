@@ -7,6 +7,10 @@
 //
 // Moving leaves the source empty. There is no implicit copy: copy() says that it costs something.
 // A value may be read from several threads; it must not be changed while anybody else uses it.
+//
+// Values may be nested as deep as memory allows: hashing, comparing, rendering, copying and freeing
+// them need no stack for depth. What is nested more than a few levels deep takes memory from the
+// heap while it is hashed, compared or rendered (std::bad_alloc where there is none).
 #pragma once
 
 #include <cstddef>
@@ -240,15 +244,15 @@ bool iteratorChecksAreOn() noexcept;
 class ListWalk {
  public:
   explicit ListWalk(const list_t& list) noexcept
-      : _list(list), _block(list.block()), _count(list.size()) {}
+      : _list(&list), _block(list.block()), _count(list.size()) {}
   // The next element, or null at the end. std::runtime_error "Iterator invalidated by modifying
   // list" where the list's count or block is no longer what it was.
   const data_t* next();
 
  private:
-  const list_t& _list;
-  const qor_underlying_list_t* const _block;
-  const std::uint64_t _count;
+  const list_t* _list;
+  const qor_underlying_list_t* _block;
+  std::uint64_t _count;
   std::uint64_t _index = 0;
 };
 

@@ -2,8 +2,11 @@
 #include <cstddef>
 #include <stdexcept>
 #include <string_view>
+#include <vector>
 
 #include "connectivity/data_t.hpp"
+#include "connectivity/key_hashes.hpp"
+#include "connectivity/walks.hpp"
 
 // MurmurHash64A (Austin Appleby, public domain), with which numbers and buffers are hashed.
 
@@ -47,6 +50,94 @@ std::uint64_t mixBytes(std::string_view bytes, std::uint64_t seed) noexcept {
   return finish(hash);
 }
 
+// Where the hashes of lists and maps that are keys are noted, by the key's address.
+using Notes = std::unordered_map<const data_t*, std::uint64_t>;
+
+// A list or map that is being hashed: a list chains the hashes of its elements, a map adds those of
+// its keys and values.
+class Level {
+ public:
+  explicit Level(const details::Walk& walk, const data_t* key = nullptr)
+      : _walk(walk), _isMap(walk.isOverMap()), _key(key) {}
+
+  // Goes on up to a value that is a container, or to the end: then null.
+  const data_t* nextContainer() {
+    const data_t* value = _walk.next();
+    while (value != nullptr && !details::isContainer(*value)) {
+      take(value->apply_visitor(calculate_hash(_isMap ? hashSeed : _hash)));
+      value = _walk.next();
+    }
+    return value;
+  }
+  // Whether nextContainer() gave a key.
+  bool isAtKey() const noexcept { return _walk.isAtKey(); }
+  void take(std::uint64_t hash) noexcept { _hash = _isMap ? _hash + hash : hash; }
+  std::uint64_t hash() const noexcept { return _hash; }
+  void noteIn(Notes& notes) const {
+    if (_key != nullptr) notes.emplace(_key, _hash);
+  }
+
+ private:
+  details::Walk _walk;
+  bool _isMap;
+  const data_t* _key;  // the container itself where it is a key
+  std::uint64_t _hash = hashSeed;
+};
+
+// Hashes by a stack of its own.
+std::uint64_t hashDeep(const details::Walk& walk, Notes* notes) {
+  std::vector<Level> levels;
+  levels.emplace_back(walk);
+  for (;;) {
+    if (const data_t* const inner = levels.back().nextContainer()) {
+      const bool isKey = levels.back().isAtKey();
+      levels.emplace_back(details::Walk(*inner), isKey ? inner : nullptr);
+      continue;
+    }
+    const Level ended = levels.back();
+    levels.pop_back();
+    if (notes != nullptr) ended.noteIn(*notes);
+    if (levels.empty()) return ended.hash();
+    levels.back().take(ended.hash());
+  }
+}
+
+// --- By recursion, as long as it is not deep -----------------------------------------------------
+
+class ShallowHash : public calculate_hash {
+ public:
+  // `deeper` more containers may be entered by recursion.
+  ShallowHash(std::uint64_t seed, unsigned deeper) noexcept
+      : calculate_hash(seed), _deeper(deeper) {}
+
+  using calculate_hash::operator();
+  std::uint64_t operator()(const list_t& list) const { return ofContainer(list); }
+  std::uint64_t operator()(const map_t& map) const { return ofContainer(map); }
+
+  static std::uint64_t of(const list_t& list, unsigned deeper) {
+    std::uint64_t result = hashSeed;
+    details::ListWalk walk(list);
+    while (const data_t* const element = walk.next())
+      result = element->apply_visitor(ShallowHash(result, deeper));
+    return result;
+  }
+  static std::uint64_t of(const map_t& map, unsigned deeper) {
+    const ShallowHash entry(hashSeed, deeper);
+    std::uint64_t sum = hashSeed;
+    for (const auto& [slotHash, key, value] : map)
+      sum += key.apply_visitor(entry) + value.apply_visitor(entry);
+    return sum;
+  }
+
+ private:
+  template <typename Container>
+  std::uint64_t ofContainer(const Container& container) const {
+    return _deeper == 0 ? hashDeep(details::Walk(container), nullptr) : of(container, _deeper - 1);
+  }
+
+  unsigned _deeper;
+};
+
 }  // namespace
 
 // Not symmetric on purpose: true is the seed, false its complement.
@@ -72,11 +163,7 @@ std::uint64_t calculate_hash::operator()(const char* text) const noexcept {
 }
 
 std::uint64_t calculate_hash::operator()(const list_t& list) const {
-  std::uint64_t result = hashSeed;
-  details::ListWalk walk(list);
-  while (const data_t* const element = walk.next())
-    result = element->apply_visitor(calculate_hash(result));
-  return result;
+  return ShallowHash::of(list, details::recursionLimit);
 }
 
 std::uint64_t calculate_hash::operator()(const map_t& map) const { return hash(map); }
@@ -89,10 +176,12 @@ std::uint64_t calculate_hash::operator()(const custom_t&) const {
   throw std::runtime_error("Cannot use custom values as a key");
 }
 
-std::uint64_t hash(const map_t& map) {
-  std::uint64_t sum = hashSeed;
-  for (const auto& [slotHash, key, value] : map) sum += hash(key) + hash(value);
-  return sum;
+std::uint64_t hash(const map_t& map) { return ShallowHash::of(map, details::recursionLimit); }
+
+std::uint64_t KeyHashes::of(const data_t& key) {
+  if (!details::isContainer(key)) return hash(key);
+  const auto found = _known.find(&key);
+  return found != _known.end() ? found->second : hashDeep(details::Walk(key), &_known);
 }
 
 }  // namespace connectivity::hashes

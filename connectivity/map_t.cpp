@@ -6,31 +6,17 @@
 #include <string>
 
 #include "connectivity/data_t.hpp"
+#include "connectivity/probing.hpp"
 
 namespace connectivity {
 
 namespace {
 
-using Slot = qor_underlying_map_table_entry_t;
+using details::isLive;
+using details::Slot;
 
 constexpr std::uint64_t smallestCapacity = 8;
 constexpr double loadLimit = 0.75;
-constexpr std::uint64_t emptyHash = 0;
-constexpr std::uint64_t tombstoneHash = 1;
-
-bool isTombstone(const Slot& slot) noexcept {
-  return slot.hash == tombstoneHash && slot.key.tag == QOR_EMPTY;
-}
-bool isEmpty(const Slot& slot) noexcept {
-  return slot.hash == emptyHash && slot.key.tag == QOR_EMPTY;
-}
-// So a key whose hash happens to be 0 or 1 is live.
-bool isLive(const Slot& slot) noexcept { return !isEmpty(slot) && !isTombstone(slot); }
-
-bool sameText(const char* left, const char* right) noexcept {
-  if (left == nullptr || right == nullptr) return left == right;
-  return std::strcmp(left, right) == 0;
-}
 
 [[noreturn]] void throwNotAllocated(std::uint64_t capacity) {
   throw std::runtime_error("Failed to allocate a map of " + std::to_string(capacity) + " slots");
@@ -137,26 +123,10 @@ map_t::const_iterator map_t::end() const { return {this, capacity()}; }
 
 template <typename Matches>
 map_t::Probe map_t::probeFor(std::uint64_t hash, const Matches& matches) const {
-  const std::uint64_t slotCount = capacity();
-  Probe result{slotCount, slotCount};
-  if (slotCount == 0) return result;
-  const Slot* const slots = qor_map_entries(_table);
-  const std::uint64_t start = hash % slotCount;
-  std::uint64_t index = start;
-  do {
-    const Slot& slot = slots[index];
-    if (isLive(slot)) {
-      if (slot.hash == hash && matches(details::keyOf(slot))) {
-        result.found = index;
-        return result;
-      }
-    } else {
-      if (result.free == slotCount) result.free = index;
-      if (isEmpty(slot)) return result;
-    }
-    if (++index == slotCount) index = 0;
-  } while (index != start);
-  return result;
+  details::Candidates candidates(_table, hash);
+  while (const Slot* const slot = candidates.next())
+    if (matches(details::keyOf(*slot))) return {candidates.indexOf(*slot), candidates.free()};
+  return {candidates.capacity(), candidates.free()};
 }
 
 map_t::Probe map_t::probe(const data_t& key, std::uint64_t hash) const {
@@ -266,7 +236,7 @@ void map_t::erase(const iterator& position) {
   if (!isLive(slot)) return;
   const data_t key(std::move(details::keyOf(slot)));
   const data_t value(std::move(details::valueOf(slot)));
-  slot.hash = tombstoneHash;
+  slot.hash = details::tombstoneHash;
   --_table->size;
   ++_table->tombstones;
 }
@@ -285,19 +255,6 @@ map_t map_t::copy() const {
     result._table->header_string = qor_copy_string(_table->header_string);
   }
   return result;
-}
-
-bool map_t::operator==(const map_t& other) const {
-  if (size() != other.size()) return false;
-  const char* const mine = _table == nullptr ? nullptr : _table->header_string;
-  const char* const theirs = other._table == nullptr ? nullptr : other._table->header_string;
-  if (!sameText(mine, theirs)) return false;
-  const const_iterator last = end();
-  for (const_iterator at = begin(); at != last; ++at) {
-    const data_t* const theirValue = other.find(at.key());
-    if (theirValue == nullptr || !(at.value() == *theirValue)) return false;
-  }
-  return true;
 }
 
 }  // namespace connectivity

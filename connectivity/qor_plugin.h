@@ -290,17 +290,31 @@ typedef struct qor_status_services_t {
 QOR_API int qor_enable_queue_flush_messages(void* host_handle);
 /* Whether the host itself is shutting down. 0 for success, the answer in `*shutting_down`. */
 QOR_API int qor_is_host_shutting_down(void* host_handle, bool* shutting_down);
+/* Tells the host that a batch towards the transport begins (true) or ends (false) to wait for space
+ * in the transport's queue; see batch_waits below. A transport that tells nothing works as well. */
+QOR_API void qor_report_batch_waits(void* host_handle, bool waiting);
 
 /*
  * How a host answers: a host handle is a pointer to this structure, borrowed until the plug-in is
- * destroyed. Both functions are called from any thread; a null function, or a null handle, succeeds
- * (and the host is not shutting down).
+ * destroyed. The functions are called from any thread; a null function, or a null handle, succeeds
+ * (and the host is not shutting down). What a host does not use it sets to null.
  */
 typedef struct qor_host_services_t {
   void* context;
   int (*enable_queue_flush_messages)(void* context);
   int (*is_shutting_down)(void* context, bool* shutting_down);
+  /*
+   * Called by the thread that sends a batch towards the transport, inside that call: with true when
+   * it begins to wait for space, with false when it has space or gives up, as at shutdown. Once
+   * each for one wait; a batch may wait several times. Batches of several threads wait, and tell
+   * it, at the same time. The function must not wait, call the plug-in or touch the batch: others
+   * may want the space meanwhile.
+   */
+  void (*batch_waits)(void* context, bool waiting);
 } qor_host_services_t;
+
+QOR_STATIC_ASSERT(offsetof(qor_host_services_t, batch_waits) == 3 * sizeof(void*),
+                  "functions are added at the end");
 
 /* --- The plug-in's entry points ------------------------------------------------------------------
  *
@@ -344,8 +358,8 @@ typedef int (*qor_send_batch_towards_host_t)(void* chain_handle, qor_message_t* 
 typedef int (*qor_plugin_set_next_towards_host_t)(void* plugin, void* chain_handle,
                                                   qor_send_batch_towards_host_t send_batch);
 /* qor_plugin_sendBatchTowardsTransport_<NAME>: may be called from several threads, and may wait
- * while the transport's queue is full. After a failure, messages that were taken are empty and the
- * others are as they were. */
+ * while the transport's queue is full (qor_report_batch_waits tells the host). After a failure,
+ * messages that were taken are empty and the others are as they were. */
 typedef int (*qor_plugin_send_batch_towards_transport_t)(void* plugin, qor_message_t* start,
                                                          qor_message_t* end);
 

@@ -7,6 +7,10 @@
 #include <memory>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
+#include <vector>
+
+#include "connectivity/walks.hpp"
 
 namespace connectivity {
 
@@ -154,6 +158,72 @@ bool isReadable(std::string_view bytes) noexcept {
   return true;
 }
 
+// A list or map that is being rendered.
+class Level {
+ public:
+  explicit Level(const details::Walk& walk) : _walk(walk), _isMap(walk.isOverMap()) {}
+
+  void open(std::string& text) const { text += _isMap ? '{' : '['; }
+  void close(std::string& text) const { text += _isMap ? '}' : ']'; }
+  // Writes up to a value that is a container, or to the end: then null.
+  const data_t* nextContainer(std::string& text) {
+    for (;;) {
+      const data_t* const value = _walk.next();
+      if (value == nullptr) return nullptr;
+      text += separator();
+      if (details::isContainer(*value)) return value;
+      text += toText(*value);
+    }
+  }
+
+ private:
+  const char* separator() noexcept {
+    if (!std::exchange(_hasBegun, true)) return "";
+    return _isMap && !_walk.isAtKey() ? "=" : ", ";
+  }
+
+  details::Walk _walk;
+  bool _isMap;
+  bool _hasBegun = false;
+};
+
+// Renders by a stack of its own.
+void writeDeep(const data_t& container, std::string& text) {
+  std::vector<Level> levels;
+  const auto enter = [&](const data_t& inner) {
+    levels.emplace_back(details::Walk(inner));
+    levels.back().open(text);
+  };
+  enter(container);
+  while (!levels.empty()) {
+    if (const data_t* const inner = levels.back().nextContainer(text)) {
+      enter(*inner);
+    } else {
+      levels.back().close(text);
+      levels.pop_back();
+    }
+  }
+}
+
+void writeShallow(const details::Walk& walk, std::string& text, unsigned deeper) {
+  Level level(walk);
+  level.open(text);
+  while (const data_t* const inner = level.nextContainer(text)) {
+    if (deeper == 0) {
+      writeDeep(*inner, text);
+    } else {
+      writeShallow(details::Walk(*inner), text, deeper - 1);
+    }
+  }
+  level.close(text);
+}
+
+std::string rendered(const details::Walk& walk) {
+  std::string text;
+  writeShallow(walk, text, details::recursionLimit);
+  return text;
+}
+
 }  // namespace
 
 std::string bufferToString(const buffer_t& buffer) {
@@ -184,24 +254,11 @@ std::string Data_tToString::operator()(decimal_t value) const {
 }
 
 std::string Data_tToString::operator()(const list_t& list) const {
-  std::string result = "[";
-  details::ListWalk walk(list);
-  const char* separator = "";
-  while (const data_t* const element = walk.next()) {
-    result.append(separator).append(toText(*element));
-    separator = ", ";
-  }
-  return result + "]";
+  return rendered(details::Walk(list));
 }
 
 std::string Data_tToString::operator()(const map_t& map) const {
-  std::string result = "{";
-  const char* separator = "";
-  for (const auto& [hash, key, value] : map) {
-    result.append(separator).append(toText(key)).append("=").append(toText(value));
-    separator = ", ";
-  }
-  return result + "}";
+  return rendered(details::Walk(map));
 }
 
 }  // namespace connectivity

@@ -122,8 +122,7 @@ class Echo {
   int take(qor_message_t* start, qor_message_t* end) {
     for (qor_message_t* message = start; message != end; ++message) {
       std::unique_lock lock(_mutex);
-      const bool isWorker = std::this_thread::get_id() == _workerId;
-      _changed.wait(lock, [&] { return _queue.size() < queueCapacity || isWorker || _ending; });
+      if (std::this_thread::get_id() != _workerId) waitForSpace(lock);
       if (_ending) return 0;  // a batch after shutdown is ignored
       _queue.push_back(*message);
       *message = {};
@@ -151,8 +150,22 @@ class Echo {
     dropQueue();  // what was sent before a start that never came
   }
 
-  // _mutex is held by whoever calls one of these two.
+  // _mutex is held by whoever calls one of these.
   bool isStarted() const { return _workerId != std::thread::id(); }
+  bool isFull() const { return _queue.size() >= queueCapacity && !_ending; }
+  void waitForSpace(std::unique_lock<std::mutex>& lock) {
+    while (isFull()) {
+      reportWait(lock, true);
+      _changed.wait(lock, [this] { return !isFull(); });
+      reportWait(lock, false);  // meanwhile another batch may take the space
+    }
+  }
+  // The host's functions are called without a lock.
+  void reportWait(std::unique_lock<std::mutex>& lock, bool waiting) {
+    lock.unlock();
+    qor_report_batch_waits(_hostHandle, waiting);
+    lock.lock();
+  }
   void dropQueue() {
     for (qor_message_t& message : _queue) release(message);
     _queue.clear();

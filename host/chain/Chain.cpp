@@ -20,10 +20,6 @@ namespace {
 // What is sent at once. Large enough to make the hand-over cheap, small enough for answers to come
 // while the next batch is read.
 constexpr std::size_t maxBatch = 128;
-// A batch that had to wait this long, with so many requests outstanding, has met a full queue (the
-// transport's holds 2048 messages).
-constexpr std::chrono::microseconds fullQueueWait{500};
-constexpr std::uint64_t queueCapacity = 2048;
 constexpr std::size_t keptLineCapacity = std::size_t{1024} * 1024;
 
 }  // namespace
@@ -154,14 +150,15 @@ Message Chain::flushMessage(FlushRequest&& flush) {
 
 void Chain::sendBatch() {
   if (_batch.empty()) return;
-  // Behind a full queue, room for the whole batch is waited for here: in the queue, each message
-  // would wait for a place of its own, and every answer would cost a change of threads.
-  if (_fullLevel > 0) _outstanding.waitUntilAtMost(_fullLevel - _batch.size());
-  const auto begin = std::chrono::steady_clock::now();
-  handOver(begin);
-  if (std::chrono::steady_clock::now() - begin < fullQueueWait) return;
+  if (const auto level = _room.levelFor(_batch.size())) _outstanding.waitUntilAtMost(*level);
+  handOver(std::chrono::steady_clock::now());
+  _room.handedOver();
+}
+
+void Chain::batchWaits(bool waiting) noexcept {
+  if (!waiting) return;
   const std::uint64_t outstanding = _outstanding.count();
-  if (outstanding >= queueCapacity) _fullLevel = std::max(_fullLevel, outstanding);
+  _room.waits(outstanding - std::min<std::uint64_t>(outstanding, _batch.size()));
 }
 
 void Chain::handOver(Outstanding::TimePoint now) {

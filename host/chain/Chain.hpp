@@ -22,26 +22,16 @@
 #include "host/chain/OutputLines.hpp"
 #include "host/chain/Outstanding.hpp"
 #include "host/chain/PluginLibrary.hpp"
+#include "host/chain/QueueRoom.hpp"
 #include "host/chain/Transport.hpp"
 #include "host/log/HostLog.hpp"
 #include "host/messages/MessageReader.hpp"
 #include "host/messages/MessageWriter.hpp"
+#include "host/program/ChainCounts.hpp"
 #include "host/status/StatusTable.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace host {
-
-// How far a chain has come.
-struct ChainCounts {
-  std::uint64_t sent = 0;      // requests that the transport took
-  std::uint64_t answered = 0;  // responses written
-  std::uint64_t failed = 0;    // of these, with a status outside 200 to 399
-  std::uint64_t invalid = 0;   // input lines that were no valid message
-  std::uint64_t bytesRead = 0;
-  std::optional<std::uint64_t> bytesInAll;  // where the input's size is known
-
-  std::uint64_t dropped() const noexcept { return sent > answered ? sent - answered : 0; }
-};
 
 class Chain final : private ResponseReceiver {
  public:
@@ -80,6 +70,7 @@ class Chain final : private ResponseReceiver {
   };
 
   void receive(const connectivity::Message& response) override;
+  void batchWaits(bool waiting) noexcept override;
   void readInput() noexcept;
   void readLines();
   void handle(const InputLines::Line& line);
@@ -113,7 +104,7 @@ class Chain final : private ResponseReceiver {
   // Below: used by the reading thread.
   MessageReader _reader;
   std::vector<connectivity::Message> _batch;
-  std::uint64_t _fullLevel = 0;        // how many were outstanding at a full queue; 0: none was met
+  QueueRoom _room;
   std::vector<Origin> _origins;        // of the messages in _batch
   std::vector<std::uint64_t> _idKeys;  // of the requests among them
 

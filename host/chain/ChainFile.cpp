@@ -19,8 +19,8 @@
 
 #include "connectivity/value_access.hpp"
 #include "host/chain/ChainFileError.hpp"
-#include "host/chain/NearestWord.hpp"
 #include "host/chain/YamlValues.hpp"
+#include "host/program/NearestWord.hpp"
 
 namespace host {
 

@@ -32,6 +32,7 @@
 #include "connectivity/data_t.hpp"
 #include "host/chain/ChainFileError.hpp"
 #include "host/messages/PayloadCodec.hpp"
+#include "host/status/StatusDefinition.hpp"
 
 namespace host {
 
@@ -57,11 +58,6 @@ struct ChainDefinition {
 struct LogDefinition {
   int level = QOR_LOG_INFO;
   std::map<std::string, int> levels;  // by category
-};
-
-struct StatusDefinition {
-  int port = 0;
-  std::string address = "127.0.0.1";
 };
 
 struct ChainFile {

@@ -4,7 +4,7 @@ namespace host {
 
 namespace {
 
-// Twice what a transport's queue holds: short queues, and small enough for a processor's cache.
+// Short queues while some thousands are outstanding, and small enough for a processor's cache.
 constexpr std::size_t howManyBuckets = 4096;
 
 }  // namespace

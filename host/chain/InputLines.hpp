@@ -16,7 +16,7 @@
 #include <string_view>
 #include <vector>
 
-#include "host/chain/Wakeup.hpp"
+#include "host/system/Wakeup.hpp"
 
 namespace host {
 

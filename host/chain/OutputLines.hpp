@@ -11,7 +11,7 @@
 #include <string_view>
 #include <thread>
 
-#include "host/chain/Wakeup.hpp"
+#include "host/system/Wakeup.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace host {

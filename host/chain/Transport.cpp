@@ -20,7 +20,7 @@ Transport::Transport(const PluginLibrary& library, const ChainDefinition& defini
     : _entryPoints(library.entryPoints()),
       _receiver(receiver),
       _what("the transport " + definition.transport.text + " of chain " + definition.id),
-      _hostServices{this, &enableFlushMessages, &answerShuttingDown} {
+      _hostServices{this, &enableFlushMessages, &answerShuttingDown, &noteBatchWaits} {
   qor_data_t configuration{};
   configuration.tag = QOR_MAP;
   configuration.value.map = definition.config.table();
@@ -55,6 +55,10 @@ int Transport::enableFlushMessages(void* context) {
 int Transport::answerShuttingDown(void* context, bool* shuttingDown) {
   *shuttingDown = transportAt(context).isHostShuttingDown();
   return 0;
+}
+
+void Transport::noteBatchWaits(void* context, bool waiting) {
+  transportAt(context)._receiver.batchWaits(waiting);
 }
 
 int Transport::deliver(void* context, qor_message_t* start, qor_message_t* end) {

@@ -12,13 +12,16 @@
 
 namespace host {
 
-// Who receives a transport's responses.
+// Who receives a transport's responses, and hears of its back pressure.
 class ResponseReceiver {
  public:
   virtual ~ResponseReceiver() = default;
   // Called on the transport's threads, one response at a time. The response goes back to the
   // transport afterwards.
   virtual void receive(const connectivity::Message& response) = 0;
+  // A batch begins or ends to wait for space in the transport's queue: called inside send(), on its
+  // thread, by a transport that tells it.
+  virtual void batchWaits(bool /*waiting*/) noexcept {}
 };
 
 class Transport {
@@ -50,6 +53,7 @@ class Transport {
  private:
   static int enableFlushMessages(void* context);
   static int answerShuttingDown(void* context, bool* shuttingDown);
+  static void noteBatchWaits(void* context, bool waiting);
   static int deliver(void* context, qor_message_t* start, qor_message_t* end);
 
   const PluginLibrary::EntryPoints& _entryPoints;

@@ -8,8 +8,8 @@
 
 #include "host/chain/Chain.hpp"
 #include "host/chain/ChainFile.hpp"
-#include "host/commands/Complaint.hpp"
 #include "host/log/HostLog.hpp"
+#include "host/program/Complaint.hpp"
 #include "host/status/StatusTable.hpp"
 
 namespace host {

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "host/commands/ExitStatus.hpp"
+#include "host/program/ExitStatus.hpp"
 
 namespace host {
 

@@ -12,14 +12,14 @@
 
 #include <CLI/CLI.hpp>
 
-#include "host/chain/NearestWord.hpp"
 #include "host/commands/CheckCommand.hpp"
-#include "host/commands/Complaint.hpp"
-#include "host/commands/ExitStatus.hpp"
 #include "host/commands/RunCommand.hpp"
-#include "host/commands/UsageError.hpp"
 #include "host/commands/Version.hpp"
 #include "host/demo/DemoCommand.hpp"
+#include "host/program/Complaint.hpp"
+#include "host/program/ExitStatus.hpp"
+#include "host/program/NearestWord.hpp"
+#include "host/program/UsageError.hpp"
 #include "host/request/RequestArguments.hpp"
 #include "host/request/RequestCommand.hpp"
 

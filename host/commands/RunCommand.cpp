@@ -13,13 +13,13 @@
 
 #include "host/chain/Chain.hpp"
 #include "host/chain/ChainFile.hpp"
-#include "host/chain/Wakeup.hpp"
-#include "host/commands/Progress.hpp"
-#include "host/commands/Signals.hpp"
-#include "host/commands/UsageError.hpp"
 #include "host/log/HostLog.hpp"
+#include "host/program/Progress.hpp"
+#include "host/program/UsageError.hpp"
 #include "host/status/StatusServer.hpp"
 #include "host/status/StatusTable.hpp"
+#include "host/system/Signals.hpp"
+#include "host/system/Wakeup.hpp"
 
 namespace host {
 

@@ -4,8 +4,8 @@
 #include <optional>
 #include <string>
 
-#include "host/commands/ExitStatus.hpp"
 #include "host/commands/Summary.hpp"
+#include "host/program/ExitStatus.hpp"
 
 namespace host {
 

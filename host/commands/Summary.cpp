@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <utility>
 
-#include "host/commands/Progress.hpp"
 #include "host/messages/JsonWriter.hpp"
+#include "host/program/Progress.hpp"
 
 namespace host {
 

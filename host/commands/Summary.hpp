@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "host/chain/Chain.hpp"
 #include "host/chain/ChainStatistics.hpp"
+#include "host/program/ChainCounts.hpp"
 
 namespace host {
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "connectivity/value_access.hpp"
-#include "host/commands/Progress.hpp"
+#include "host/program/Progress.hpp"
 
 namespace host {
 

@@ -10,10 +10,10 @@
 #include <vector>
 
 #include "connectivity/data_t.hpp"
-#include "host/chain/Chain.hpp"
 #include "host/chain/ChainStatistics.hpp"
 #include "host/chain/Transport.hpp"
 #include "host/log/HostLog.hpp"
+#include "host/program/ChainCounts.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace host {

@@ -1,7 +1,7 @@
 // orrery-host demo: the transport at work against a server of the program's own.
 #pragma once
 
-#include "host/commands/ExitStatus.hpp"
+#include "host/program/ExitStatus.hpp"
 
 namespace host {
 

@@ -15,7 +15,7 @@
 #include "connectivity/value_access.hpp"
 #include "host/messages/Base64.hpp"
 #include "host/messages/ExtendedJson.hpp"
-#include "host/runtime/Decimal.hpp"
+#include "orrery/runtime/Decimal.hpp"
 
 namespace host {
 
@@ -67,7 +67,7 @@ data_t readNumberDouble(const data_t& value) {
 
 data_t readNumberDecimal(const data_t& value) {
   const std::string_view text = textIn(value, numberDecimalKey);
-  const auto decimal = decimalFromText(text);
+  const auto decimal = runtime::decimalFromText(text);
   if (!decimal) throw JsonError("$numberDecimal must be a decimal number of at most 16 digits");
   return data_t(decimal_t{*decimal});
 }

@@ -10,8 +10,8 @@
 #include "connectivity/value_access.hpp"
 #include "host/messages/Base64.hpp"
 #include "host/messages/ExtendedJson.hpp"
-#include "host/runtime/Decimal.hpp"
-#include "host/runtime/Utf8.hpp"
+#include "orrery/runtime/Decimal.hpp"
+#include "orrery/runtime/Utf8.hpp"
 
 namespace host {
 
@@ -153,7 +153,7 @@ void JsonWriter::writeInteger(long long value) {
 }
 
 void JsonWriter::writeDecimal(decimal_t value) {
-  _out += opening(numberDecimalKey) + decimalToText(value.bits) + R"("})";
+  _out += opening(numberDecimalKey) + runtime::decimalToText(value.bits) + R"("})";
 }
 
 void JsonWriter::writeBinary(std::string_view bytes) {
@@ -181,7 +181,7 @@ void JsonWriter::writeString(std::string_view text) {
 
 // Takes one character, or one byte that is none, from the front of `rest`.
 void JsonWriter::writeNonAscii(std::string_view& rest) {
-  const std::size_t length = utf8SequenceLength(rest);
+  const std::size_t length = runtime::utf8SequenceLength(rest);
   _out += length == 0 ? replacementCharacter : rest.substr(0, length);
   rest.remove_prefix(std::max<std::size_t>(length, 1));
 }

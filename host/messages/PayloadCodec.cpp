@@ -5,7 +5,7 @@
 #include <string>
 
 #include "connectivity/value_access.hpp"
-#include "host/runtime/Utf8.hpp"
+#include "orrery/runtime/Utf8.hpp"
 
 namespace host {
 
@@ -132,7 +132,7 @@ void PayloadWriter::write(const Message& response, JsonWriter& writer) {
   const std::string_view body = connectivity::get<buffer_t>(response.payload).view();
   if (_codec == Codec::Json) {
     if (!writeAsJson(response, body, writer)) writer.write(response.payload);
-  } else if (body.find('\0') == std::string_view::npos && isUtf8(body)) {
+  } else if (body.find('\0') == std::string_view::npos && runtime::isUtf8(body)) {
     writer.writeString(body);
   } else {
     writer.write(response.payload);

@@ -8,7 +8,7 @@
 #include <CLI/CLI.hpp>
 
 #include "host/chain/ChainFile.hpp"
-#include "host/chain/NearestWord.hpp"
+#include "host/program/NearestWord.hpp"
 
 namespace host {
 

@@ -15,9 +15,9 @@
 #include "host/chain/ChainStatistics.hpp"
 #include "host/chain/PluginLibrary.hpp"
 #include "host/chain/Transport.hpp"
-#include "host/commands/Complaint.hpp"
 #include "host/log/HostLog.hpp"
 #include "host/messages/MessageWriter.hpp"
+#include "host/program/Complaint.hpp"
 #include "host/status/StatusTable.hpp"
 
 namespace host {

@@ -1,7 +1,7 @@
 // orrery-host request: one request without a chain file, for trying things out.
 #pragma once
 
-#include "host/commands/ExitStatus.hpp"
+#include "host/program/ExitStatus.hpp"
 #include "host/request/RequestMessage.hpp"
 
 namespace host {

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <sstream>
 
-#include "host/commands/UsageError.hpp"
+#include "host/program/UsageError.hpp"
 
 namespace host {
 

@@ -8,8 +8,8 @@
 #include <Poco/String.h>
 
 #include "connectivity/value_access.hpp"
-#include "host/chain/NearestWord.hpp"
-#include "host/commands/UsageError.hpp"
+#include "host/program/NearestWord.hpp"
+#include "host/program/UsageError.hpp"
 #include "host/request/RequestFields.hpp"
 #include "host/request/RequestUrl.hpp"
 

@@ -8,7 +8,7 @@
 
 #include <Poco/String.h>
 
-#include "host/commands/UsageError.hpp"
+#include "host/program/UsageError.hpp"
 
 namespace host {
 

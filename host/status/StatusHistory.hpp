@@ -8,8 +8,8 @@
 #include <string>
 #include <thread>
 
-#include "host/chain/Wakeup.hpp"
 #include "host/status/StatusTable.hpp"
+#include "host/system/Wakeup.hpp"
 #include "orrery/Mutex.hpp"
 
 namespace host {

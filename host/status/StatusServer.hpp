@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include "host/chain/ChainFile.hpp"
+#include "host/status/StatusDefinition.hpp"
 #include "host/status/StatusHistory.hpp"
 #include "host/status/StatusTable.hpp"
 

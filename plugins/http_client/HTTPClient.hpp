@@ -5,19 +5,14 @@
 // that delivers an answer may be given new batches by the host, on the same thread. Locks are taken
 // in the order: response mutex, queue. No call of the host is made under the queue's mutex.
 //
-// Ownership: the transport owns its workers (by reference count), the queue and everything that the
-// workers share; all of it is there until the last of them has been joined.
+// Ownership: the transport owns its workers (by reference count), the dispatcher and everything
+// that the workers share; all of it is there until the last of them has been joined.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
-#include <exception>
 #include <memory>
-#include <optional>
-#include <variant>
 #include <vector>
-
-#include <Poco/Net/HTTPResponse.h>
 
 #include "connectivity/Plugin.hpp"
 #include "orrery/Mutex.hpp"
@@ -25,18 +20,19 @@
 #include "orrery/ThreadLocal.hpp"
 #include "plugins/http_client/config/ConfiguredOptions.hpp"
 #include "plugins/http_client/config/DataTConstants.hpp"
-#include "plugins/http_client/dispatch/AffinityQueue.hpp"
-#include "plugins/http_client/dispatch/BatchGate.hpp"
-#include "plugins/http_client/dispatch/Sentinel.hpp"
+#include "plugins/http_client/dispatch/Dispatcher.hpp"
 #include "plugins/http_client/shared/Cookies.hpp"
 #include "plugins/http_client/shared/Metrics.hpp"
+#include "plugins/http_client/wire/Resolver.hpp"
 #include "plugins/http_client/wire/TlsContexts.hpp"
+#include "plugins/http_client/worker/ClientSessionThread.hpp"
+#include "plugins/http_client/worker/Workplace.hpp"
 
 namespace connectivity::plugins {
 
-class HTTPClient final : public AbstractTransport {
+class HTTPClient final : public AbstractTransport, private WorkerOwner {
  public:
-  class ClientSessionThread;
+  using ClientSessionThread = plugins::ClientSessionThread;
 
   // Reads the configuration and makes the workers, each with its session, without starting them.
   // Errors: those of ConfiguredOptions::parse, of the status items and of the sessions.
@@ -70,64 +66,23 @@ class HTTPClient final : public AbstractTransport {
   bool isOnOwnWorker() const noexcept { return sourceThread.get() == this; }
 
  private:
-  using QueueElement = std::variant<Message, std::shared_ptr<Sentinel>>;
-  using Queue = AffinityQueue<QueueElement, Logger>;
-  // What the metadata of one message asks for.
-  struct Dispatch {
-    bool queueFlush = false;                // a control message of the host
-    bool flushFirst = false;                // everything before it is to be finished first
-    std::optional<std::uint32_t> affinity;  // none: any worker
-  };
-  struct Batch {
-    std::vector<Dispatch> messages;  // up to the one at fault
-    std::exception_ptr failure;      // what is wrong with that one, or null
-  };
-
-  // The next message for the worker. Waits for it, and at barriers. Throws QueueTerminated once
-  // the transport stops; std::runtime_error "Unexpected index" for an element of no kind.
-  Message getNextMessageRequest(unsigned worker);
-  void waitAtBarrier(unsigned worker, Sentinel& sentinel) const;
-
+  void adoptCurrentThread() override { sourceThread.set(this); }
+  void deliver(Answer&& answer) noexcept override;
   // Hands one answer to the host. `size` is that of its payload. Whatever fails, before or after,
-  // is logged: the request is answered by this call and must not be answered again. T is int or
-  // unsigned int.
-  template <typename T>
-  void sendResponse(Message&& message, double requestStartTime,
-                    Poco::Net::HTTPResponse::HTTPStatus status, T size) noexcept;
+  // is logged: the request is answered by this call and must not be answered again.
+  void sendResponse(Message&& message, double requestStartTime, int status,
+                    unsigned int size) noexcept;
   int handOver(Message& message) ORRERY_REQUIRES(responseMutex);
 
   void enableQueueFlushMessages() const;
   void captureSchedulableQueue();
-  // Dispatch.cpp
-  Batch readBatch(Message* start, Message* end) const;
-  Dispatch readMessage(const map_t& metadata) const;
-  std::optional<std::uint32_t> readAffinity(const map_t& metadata) const;
-  void push(Message* start, const Batch& batch, bool noWait);
-  bool pushMessage(Queue::LockPushBatch& batch, Message& message, const Dispatch& dispatch,
-                   bool noWait, std::vector<std::shared_ptr<Sentinel>>& sentinels);
-  bool isQueueFlush(const map_t& metadata) const;
-  // Leaves an empty value in its place.
-  data_t getQueueFlushObject(map_t& metadata) const;
-  bool shouldFlush(const map_t& metadata) const;
-  // Puts one barrier for the first `workers` workers on their lanes. Takes the flush object of
-  // `metadata` (null: none) once the barrier is certain to be placed. Null where the batch is
-  // abandoned, or there are no workers.
-  std::shared_ptr<Sentinel> enqueueSentinel(Queue::LockPushBatch& batch, std::uint32_t workers,
-                                            bool noWait, map_t* metadata);
+  void startWorkers();
+  void stopWorkers();
 
   std::uint32_t workerCount() const noexcept {
     return static_cast<std::uint32_t>(options.numClients);
   }
-  bool isShuttingDown() const noexcept { return batchGate.closed().load(); }
-  bool isHostShuttingDown() const;
-  void startWorkers();
-  void finishBatches();
-  void drain();
-  std::shared_ptr<Sentinel> enqueueLastSentinel();
-  void stopWorkers();
-
-  // How often a wait at a barrier asks whether the host is shutting down.
-  static constexpr std::int64_t barrierPassMillis = 1000;
+  bool isShuttingDown() const noexcept { return dispatcher.isShuttingDown(); }
 
   // Where each worker notes whose it is; null on all other threads.
   static orrery::ThreadLocal<AbstractTransport> sourceThread;
@@ -142,13 +97,13 @@ class HTTPClient final : public AbstractTransport {
       ORRERY_GUARDED_BY(sessionsMutex);
   std::uint32_t runningWorkers ORRERY_GUARDED_BY(sessionsMutex) = 0;  // the first so many
 
-  BatchGate batchGate;                         // closed: shutting down
-  std::atomic<bool> barriersAbandoned{false};  // not every worker will reach a barrier
   std::atomic<bool> needSchedulableQueue{true};
-  const std::unique_ptr<Queue> queue;
+  Dispatcher dispatcher;
   Metrics metrics;
   Cookies cookies;
   TlsContexts tlsContexts;
+  Resolver resolver;
+  const Workplace workplace;
 };
 
 }  // namespace connectivity::plugins

@@ -269,14 +269,19 @@ static int yes(void* context, bool* shutting_down) {
   return 0;
 }
 
+static void note_wait(void* context, bool waiting) { *(bool*)context = waiting; }
+
 static void the_host_answers(void) {
-  qor_host_services_t services = {NULL, NULL, yes};
+  bool waits = false;
+  qor_host_services_t services = {&waits, NULL, yes, note_wait};
   bool shutting_down = false;
   CHECK(qor_is_host_shutting_down(&services, &shutting_down) == 0);
   CHECK(shutting_down);
   CHECK(qor_is_host_shutting_down(NULL, &shutting_down) == 0);
   CHECK(!shutting_down);
   CHECK(qor_enable_queue_flush_messages(&services) == 0);
+  qor_report_batch_waits(&services, true);
+  CHECK(waits);
 }
 
 static char status_text[32];

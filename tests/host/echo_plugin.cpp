@@ -2,8 +2,9 @@
 //
 // Configuration: "fail": "create" or "start" makes that entry point fail. Metadata of a message:
 // "hold": true makes the worker wait there until the plug-in is shut down, and "stick": true for
-// ever; "refuse": true makes the batch fail at that message. At most 64 messages are queued; then a
-// batch waits.
+// ever; "refuse": true makes the batch fail at that message. At most 64 messages are queued, with
+// "tellWaits": true 512; then a batch waits, and with "tellWaits" the host is told, and at the end
+// "<n> of <m> batches waited" stands in the log.
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -17,8 +18,6 @@
 #include "connectivity/qor_plugin.h"
 
 namespace {
-
-constexpr std::size_t capacity = 64;
 
 bool isTrue(const qor_underlying_map_table_t* map, const char* key) {
   const qor_data_t* value = qor_map_find(map, key);
@@ -41,9 +40,10 @@ void release(qor_message_t& message) {
 
 class Echo {
  public:
-  Echo(void* hostHandle, void* statusHandle, bool failsToStart)
+  Echo(void* hostHandle, void* statusHandle, bool failsToStart, bool tellsWaits)
       : _hostHandle(hostHandle),
         _failsToStart(failsToStart),
+        _tellsWaits(tellsWaits),
         _item(qor_create_user_status_item(statusHandle, "echo.status", "STARTING")) {}
   ~Echo() {
     shutdown();
@@ -70,10 +70,15 @@ class Echo {
   }
 
   int take(qor_message_t* start, qor_message_t* end) {
+    ++_batches;
+    bool waited = false;
     for (qor_message_t* message = start; message != end; ++message) {
       if (isTrue(message->metadata, "refuse")) return 1;
       std::unique_lock<std::mutex> lock(_mutex);
-      _changed.wait(lock, [this] { return _queue.size() < capacity || _shuttingDown; });
+      if (isFull()) {
+        if (!std::exchange(waited, true)) ++_waits;
+        waitForSpace(lock);
+      }
       if (_shuttingDown) return 0;
       _queue.push_back(std::exchange(*message, {}));
       _changed.notify_all();
@@ -87,10 +92,28 @@ class Echo {
       _shuttingDown = true;
       _changed.notify_all();
     }
-    if (_worker.joinable()) _worker.join();
+    if (!_worker.joinable()) return;
+    _worker.join();
+    if (_tellsWaits) qor_log_at("echo", QOR_LOG_INFO, "%d of %d batches waited", _waits, _batches);
   }
 
  private:
+  bool isFull() const { return _queue.size() >= (_tellsWaits ? 512U : 64U) && !_shuttingDown; }
+
+  void waitForSpace(std::unique_lock<std::mutex>& lock) {
+    tell(lock, true);
+    _changed.wait(lock, [this] { return !isFull(); });
+    tell(lock, false);
+  }
+
+  // By the only thread that sends, so that no other takes the space.
+  void tell(std::unique_lock<std::mutex>& lock, bool waiting) {
+    if (!_tellsWaits) return;
+    lock.unlock();
+    qor_report_batch_waits(_hostHandle, waiting);
+    lock.lock();
+  }
+
   bool hostShutsDown() const {
     bool answer = false;
     return qor_is_host_shutting_down(_hostHandle, &answer) == 0 && answer;
@@ -122,6 +145,9 @@ class Echo {
 
   void* const _hostHandle;
   const bool _failsToStart;
+  const bool _tellsWaits;
+  int _waits = 0;    // by the thread that sends
+  int _batches = 0;  // by the thread that sends
   void* const _item;
   void* _chain = nullptr;
   qor_send_batch_towards_host_t _send = nullptr;
@@ -163,7 +189,8 @@ void* qor_create_plugin_with_params_Echo(const char*, const char* chain, qor_dat
     qor_log_at("echo", QOR_LOG_ERROR, "told to fail to create in chain %s", chain);
     return nullptr;
   }
-  return new Echo(host, status, isText(configuration.value.map, "fail", "start"));
+  return new Echo(host, status, isText(configuration.value.map, "fail", "start"),
+                  isTrue(configuration.value.map, "tellWaits"));
 }
 
 int qor_plugin_start_Echo(void* plugin) { return echoAt(plugin)->start(); }

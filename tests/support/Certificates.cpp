@@ -145,4 +145,28 @@ CertificateFiles CertificateAuthority::issueSelfSigned(const CertificateRequest&
   return write(Identity(request, nullptr, false, _issued + 2));
 }
 
+CertificateFiles CertificateAuthority::issueWithChain(const CertificateRequest& request) {
+  const Identity intermediate({"Test Intermediate", {}, {}, -2, 60}, _authority.get(), true,
+                              _issued + 2);
+  ++_issued;
+  CertificateFiles files = write(Identity(request, &intermediate, false, _issued + 2));
+  const auto name = "chain" + std::to_string(_issued) + ".pem";
+  files.certificate =
+      _directory.write(name, readFile(files.certificate) + intermediate.certificateText());
+  return files;
+}
+
+CertificateFiles CertificateAuthority::encrypted(const CertificateFiles& files,
+                                                 const std::string& passphrase) {
+  const auto input = checked(Output(BIO_new_file(files.key.c_str(), "r")));
+  const auto key = checked(Key(PEM_read_bio_PrivateKey(input.get(), nullptr, nullptr, nullptr)));
+  const auto text = pemText([&](BIO* output) {
+    return PEM_write_bio_PrivateKey(output, key.get(), EVP_aes_256_cbc(),
+                                    reinterpret_cast<const unsigned char*>(passphrase.data()),
+                                    static_cast<int>(passphrase.size()), nullptr, nullptr);
+  });
+  const auto name = "encrypted" + std::to_string(++_issued) + ".key";
+  return {files.certificate, _directory.write(name, text)};
+}
+
 }  // namespace test_support

@@ -42,6 +42,10 @@ class CertificateAuthority {
   CertificateFiles issueForOtherName(const std::string& name = "other.test");
   // Signed by its own key, not by the authority.
   CertificateFiles issueSelfSigned(const CertificateRequest& request = {});
+  // Signed by an intermediate authority, whose certificate stands in the same file behind it.
+  CertificateFiles issueWithChain(const CertificateRequest& request = {});
+  // The same certificate with its key under a passphrase, in a file of its own.
+  CertificateFiles encrypted(const CertificateFiles& files, const std::string& passphrase);
 
  private:
   struct Identity;

@@ -33,6 +33,18 @@ class TlsClient {
     SSL_set1_host(_ssl.get(), name);
     SSL_set_fd(_ssl.get(), _socket.get());
   }
+  // Before connect(). False where OpenSSL takes them not.
+  bool show(const CertificateFiles& files, const char* passphrase) {
+    SSL_CTX_set_default_passwd_cb_userdata(_context.get(), const_cast<char*>(passphrase));
+    return SSL_use_certificate_file(_ssl.get(), files.certificate.c_str(), SSL_FILETYPE_PEM) == 1 &&
+           SSL_CTX_use_PrivateKey_file(_context.get(), files.key.c_str(), SSL_FILETYPE_PEM) == 1 &&
+           SSL_use_PrivateKey(_ssl.get(), SSL_CTX_get0_privatekey(_context.get())) == 1;
+  }
+  // The name that is told to the server.
+  void callIt(const char* name) {
+    SSL_ctrl(_ssl.get(), SSL_CTRL_SET_TLSEXT_HOSTNAME, TLSEXT_NAMETYPE_host_name,
+             const_cast<char*>(name));
+  }
   // X509_V_OK, or why the certificate was refused.
   long connect() {
     _connected = SSL_connect(_ssl.get()) == 1;
@@ -153,6 +165,45 @@ TEST(ScriptedTlsServer, CanLeaveAHandshakeUnanswered) {
   }
   server.waitForEndedConnections(1);
   EXPECT_EQ(server.handshakeFailures(), 1U);
+}
+
+TEST(ScriptedTlsServer, TellsWhatTheClientShowedAndCalledIt) {
+  CertificateAuthority authority;
+  TlsOptions options{authority.issue()};
+  options.askForCertificate = true;
+  ScriptedServer server(options);
+  CertificateRequest request;
+  request.commonName = "somebody";
+  const CertificateFiles files = authority.encrypted(authority.issue(request), "pass");
+  TlsClient named(server.port(), authority.caFile(), "localhost");
+  named.callIt("localhost");
+  ASSERT_TRUE(named.show(files, "pass"));
+  EXPECT_EQ(named.connect(), X509_V_OK);
+  named.exchange(closingGet);
+  TlsClient silent(server.port(), authority.caFile(), "localhost");
+  EXPECT_EQ(silent.connect(), X509_V_OK);
+  silent.exchange(closingGet);
+  const auto hellos = server.clientHellos();
+  ASSERT_EQ(hellos.size(), 2U);
+  EXPECT_EQ(hellos[0].serverName, "localhost");
+  EXPECT_EQ(hellos[0].certificate, "somebody");
+  EXPECT_EQ(hellos[1].serverName, "");
+  EXPECT_EQ(hellos[1].certificate, "");
+}
+
+TEST(Certificates, KeyUnderAPassphraseOpensWithThatAlone) {
+  CertificateAuthority authority;
+  const CertificateFiles files = authority.encrypted(authority.issue(), "right");
+  ScriptedServer server;
+  EXPECT_FALSE(TlsClient(server.port(), authority.caFile(), "localhost").show(files, "wrong"));
+  EXPECT_TRUE(TlsClient(server.port(), authority.caFile(), "localhost").show(files, "right"));
+}
+
+TEST(Certificates, WithTheirChainAreTrustedThroughTheAuthority) {
+  CertificateAuthority authority;
+  ScriptedServer server(TlsOptions{authority.issueWithChain()});
+  TlsClient client(server.port(), authority.caFile(), "localhost");
+  EXPECT_EQ(client.connect(), X509_V_OK);
 }
 
 }  // namespace

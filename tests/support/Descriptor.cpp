@@ -40,11 +40,23 @@ Descriptor listenOnLoopback(int port) {
   return listener;
 }
 
+Descriptor listenOnLoopback6() {
+  Descriptor listener(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in6 address{};
+  address.sin6_family = AF_INET6;
+  address.sin6_addr = in6addr_loopback;
+  auto* const where = reinterpret_cast<sockaddr*>(&address);
+  if (!listener.valid() || ::bind(listener.get(), where, sizeof address) != 0) return {};
+  if (::listen(listener.get(), 128) != 0) failed("listen");
+  return listener;
+}
+
 int localPort(const Descriptor& socket) {
-  sockaddr_in address{};
+  sockaddr_in6 address{};  // the port stands where an IPv4 address has it
   socklen_t length = sizeof address;
-  if (::getsockname(socket.get(), general(address), &length) != 0) failed("getsockname");
-  return ntohs(address.sin_port);
+  auto* const where = reinterpret_cast<sockaddr*>(&address);
+  if (::getsockname(socket.get(), where, &length) != 0) failed("getsockname");
+  return ntohs(address.sin6_port);
 }
 
 Descriptor connectToLoopback(int port) {

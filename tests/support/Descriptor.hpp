@@ -35,6 +35,8 @@ class Descriptor {
 
 // A socket that listens on 127.0.0.1. Port 0: one that the system picks. Throws std::system_error.
 Descriptor listenOnLoopback(int port = 0);
+// The same on ::1. Invalid where the machine has no IPv6.
+Descriptor listenOnLoopback6();
 // The port a socket is bound to.
 int localPort(const Descriptor& socket);
 // A connected socket to 127.0.0.1, invalid where nobody listens.

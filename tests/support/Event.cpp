@@ -18,6 +18,11 @@ void Event::wait() const {
   if (!_changed.wait_for(lock, patience, [this] { return _set; })) throw TimedOut(_name);
 }
 
+bool Event::isSetWithin(std::chrono::milliseconds limit) const {
+  std::unique_lock lock(_mutex);
+  return _changed.wait_for(lock, limit, [this] { return _set; });
+}
+
 void Gate::open(std::size_t passages) {
   const std::lock_guard lock(_mutex);
   _free += passages;

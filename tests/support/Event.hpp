@@ -31,6 +31,8 @@ class Event {
   bool isSet() const;
   // Throws TimedOut.
   void wait() const;
+  // For where not being set is a result: waits at most that long, and says whether it is set.
+  bool isSetWithin(std::chrono::milliseconds limit) const;
 
  private:
   const std::string _name;

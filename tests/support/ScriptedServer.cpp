@@ -28,6 +28,8 @@ class ScriptedServer::SocketChannel : public Channel {
 
   // Before the first byte. False where the connection cannot be used.
   virtual bool open() { return true; }
+  // What the client told when the connection was opened; none without TLS.
+  virtual std::optional<ClientHello> clientHello() const { return std::nullopt; }
 
   std::size_t receive(char* into, std::size_t room) override {
     for (;;) {
@@ -83,6 +85,15 @@ struct ScriptedServer::TlsContext {
       throw std::runtime_error("The scripted server cannot use its certificate");
     }
     limitVersion();
+    if (options.askForCertificate) askForCertificate();
+  }
+
+  void askForCertificate() {
+    SSL_CTX_set_verify(context.get(), SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
+    // Without an id for its sessions, a server that asks for certificates can resume none.
+    const std::string_view id = "test";
+    SSL_CTX_set_session_id_context(context.get(), reinterpret_cast<const unsigned char*>(id.data()),
+                                   static_cast<unsigned>(id.size()));
   }
 
   void limitVersion() {
@@ -120,6 +131,17 @@ class ScriptedServer::TlsChannel final : public SocketChannel {
     ERR_clear_error();
     _open = SSL_accept(_ssl.get()) == 1;
     return _open;
+  }
+  std::optional<ClientHello> clientHello() const override {
+    const char* const name = SSL_get_servername(_ssl.get(), TLSEXT_NAMETYPE_host_name);
+    ClientHello hello{name == nullptr ? "" : name, ""};
+    if (const X509* const shown = SSL_get0_peer_certificate(_ssl.get()); shown != nullptr) {
+      std::array<char, 256> text{};
+      X509_NAME_get_text_by_NID(X509_get_subject_name(shown), NID_commonName, text.data(),
+                                static_cast<int>(text.size()));
+      hello.certificate = text.data();
+    }
+    return hello;
   }
   std::size_t receive(char* into, std::size_t room) override {
     ERR_clear_error();
@@ -162,10 +184,11 @@ ScriptedServer::ScriptedServer(const TlsOptions& tls)
 ScriptedServer::ScriptedServer(Script script, std::optional<TlsOptions> tls)
     : ScriptedServer(std::vector<Script>{std::move(script)}, std::move(tls)) {}
 
-ScriptedServer::ScriptedServer(std::vector<Script> scripts, std::optional<TlsOptions> tls)
+ScriptedServer::ScriptedServer(std::vector<Script> scripts, std::optional<TlsOptions> tls,
+                               Loopback loopback)
     : _scripts(std::move(scripts)),
       _tls(tls.has_value() ? std::make_unique<TlsContext>(*std::move(tls)) : nullptr),
-      _listener(listenOnLoopback()),
+      _listener(loopback == Loopback::V4 ? listenOnLoopback() : listenOnLoopback6()),
       _wake(::eventfd(0, EFD_CLOEXEC)),
       _port(localPort(_listener)),
       _acceptor([this] { acceptLoop(); }) {}
@@ -216,6 +239,7 @@ void ScriptedServer::runConnection(SocketChannel& channel, int number) {
   try {
     opened = channel.open();
     if (opened) {
+      if (auto hello = channel.clientHello()) record(*std::move(hello));
       Connection connection(channel, number, [this](const auto& request) { record(request); });
       scriptFor(number)(connection);
     }
@@ -239,6 +263,11 @@ void ScriptedServer::record(const RecordedRequest& request) {
   const std::lock_guard lock(_mutex);
   _requests.push_back(request);
   _changed.notify_all();
+}
+
+void ScriptedServer::record(ClientHello hello) {
+  const std::lock_guard lock(_mutex);
+  _clientHellos.push_back(std::move(hello));
 }
 
 // --- Answers by path ---------------------------------------------------------------------------
@@ -299,6 +328,11 @@ std::size_t ScriptedServer::connectionCount() const {
 std::size_t ScriptedServer::handshakeFailures() const {
   const std::lock_guard lock(_mutex);
   return _handshakeFailures;
+}
+
+std::vector<ClientHello> ScriptedServer::clientHellos() const {
+  const std::lock_guard lock(_mutex);
+  return _clientHellos;
 }
 
 template <typename Condition>

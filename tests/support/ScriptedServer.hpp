@@ -48,7 +48,17 @@ struct TlsOptions {
   const Event* handshakeAfter = nullptr;
   // The client's first bytes are read and never answered.
   bool neverAnswerHandshake = false;
+  // A certificate is asked of the client; whichever it shows, or none, is taken.
+  bool askForCertificate = false;
 };
+
+// What a client told in a handshake that succeeded.
+struct ClientHello {
+  std::string serverName;   // empty: it named no server
+  std::string certificate;  // the common name on its certificate; empty: it showed none
+};
+
+enum class Loopback { V4, V6 };
 
 struct CannedResponse {
   int status = 200;
@@ -64,8 +74,9 @@ class ScriptedServer {
   ScriptedServer();
   explicit ScriptedServer(const TlsOptions& tls);
   explicit ScriptedServer(Script script, std::optional<TlsOptions> tls = std::nullopt);
-  explicit ScriptedServer(std::vector<Script> scripts,
-                          std::optional<TlsOptions> tls = std::nullopt);
+  // V6 is ::1 alone; std::system_error where the machine has no IPv6.
+  explicit ScriptedServer(std::vector<Script> scripts, std::optional<TlsOptions> tls = std::nullopt,
+                          Loopback loopback = Loopback::V4);
   ~ScriptedServer();
   ScriptedServer(const ScriptedServer&) = delete;
   ScriptedServer& operator=(const ScriptedServer&) = delete;
@@ -85,6 +96,8 @@ class ScriptedServer {
   // Connections accepted so far, those with a failed handshake too.
   std::size_t connectionCount() const;
   std::size_t handshakeFailures() const;
+  // In the order of the handshakes' ends.
+  std::vector<ClientHello> clientHellos() const;
   // Wait until there are that many. TimedOut.
   void waitForRequests(std::size_t howMany) const;
   void waitForConnections(std::size_t howMany) const;
@@ -109,6 +122,7 @@ class ScriptedServer {
   Script scriptFor(int number) const;
   CannedResponse takeAnswer(const std::string& path);
   void record(const RecordedRequest& request);
+  void record(ClientHello hello);
   template <typename Condition>
   void waitUntil(const std::string& what, Condition condition) const;
 
@@ -122,6 +136,7 @@ class ScriptedServer {
   mutable std::condition_variable _changed;
   // Below: guarded by _mutex.
   std::vector<RecordedRequest> _requests;
+  std::vector<ClientHello> _clientHellos;
   std::map<std::string, std::deque<CannedResponse>> _answers;
   std::list<Live> _live;
   std::size_t _accepted = 0;

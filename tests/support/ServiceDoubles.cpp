@@ -172,7 +172,9 @@ void StatusDouble::refuse(std::string keyEnd) {
 
 // --- HostDouble --------------------------------------------------------------------------------
 
-HostDouble::HostDouble() : _services{this, &HostDouble::enable, &HostDouble::isShuttingDown} {}
+HostDouble::HostDouble()
+    : _services{this, &HostDouble::enable, &HostDouble::isShuttingDown,
+                &HostDouble::noteBatchWaits} {}
 
 int HostDouble::enable(void* context) {
   auto& self = *static_cast<HostDouble*>(context);
@@ -186,6 +188,29 @@ int HostDouble::isShuttingDown(void* context, bool* answer) {
   const int result = self._shuttingDownResult.load();
   if (result == 0) *answer = self._shuttingDown.load();
   return result;
+}
+
+std::vector<bool> HostDouble::batchWaits() const {
+  const std::lock_guard lock(_mutex);
+  return _batchWaits;
+}
+
+void HostDouble::waitForBatchWaits(std::size_t howMany) const {
+  std::unique_lock lock(_mutex);
+  if (!_changed.wait_for(lock, patience, [&] { return _batchWaits.size() >= howMany; })) {
+    throw TimedOut("the host to be told " + std::to_string(howMany) +
+                   " times of batches that wait");
+  }
+}
+
+void HostDouble::noteBatchWaits(void* context, bool waiting) {
+  auto& self = *static_cast<HostDouble*>(context);
+  {
+    const std::lock_guard lock(self._mutex);
+    self._batchWaits.push_back(waiting);
+    self._changed.notify_all();
+  }
+  if (self._batchWaitsHook) self._batchWaitsHook(waiting);
 }
 
 }  // namespace test_support

@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -109,10 +110,18 @@ class HostDouble {
   void setShuttingDownResult(int result) { _shuttingDownResult.store(result); }
   int enableCalls() const { return _enableCalls.load(); }
   int shuttingDownCalls() const { return _shuttingDownCalls.load(); }
+  // What the host was told of batches that wait for space, in its order.
+  std::vector<bool> batchWaits() const;
+  // Called then, on the thread that tells it. Set before anything is sent.
+  void onBatchWaits(std::function<void(bool)> hook) { _batchWaitsHook = std::move(hook); }
+  // From now on there is no function to tell it. Called before anything is sent.
+  void doNotHearOfBatchWaits() { _services.batch_waits = nullptr; }
+  void waitForBatchWaits(std::size_t howMany) const;
 
  private:
   static int enable(void* context);
   static int isShuttingDown(void* context, bool* answer);
+  static void noteBatchWaits(void* context, bool waiting);
 
   qor_host_services_t _services;
   std::atomic<int> _enableResult{0};
@@ -120,6 +129,10 @@ class HostDouble {
   std::atomic<int> _shuttingDownResult{0};
   std::atomic<int> _enableCalls{0};
   std::atomic<int> _shuttingDownCalls{0};
+  mutable std::mutex _mutex;
+  mutable std::condition_variable _changed;
+  std::vector<bool> _batchWaits;  // guarded by _mutex
+  std::function<void(bool)> _batchWaitsHook;
 };
 
 }  // namespace test_support

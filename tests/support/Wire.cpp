@@ -147,10 +147,23 @@ bool Connection::readBytes(std::size_t count) {
   return takeBytes(count, dropped);
 }
 
+std::string Connection::readSome() {
+  if (_unread.empty()) fill();
+  return std::exchange(_unread, {});
+}
+
 void Connection::awaitPeerClose() {
   do {
     _unread.clear();
   } while (fill());
+}
+
+bool Connection::peerClosesWithin(std::chrono::milliseconds limit) {
+  pollfd source{_channel.socket(), POLLIN, 0};
+  while (::poll(&source, 1, static_cast<int>(limit.count())) > 0) {
+    if (!fill()) return true;
+  }
+  return false;
 }
 
 // --- Sending -----------------------------------------------------------------------------------
@@ -227,6 +240,18 @@ void Connection::trickle(std::string_view bytes, std::size_t pieces, Gate& gate)
     if (!first) gate.pass();
     send(bytes.substr(0, size));
     bytes.remove_prefix(std::min(size, bytes.size()));
+  }
+}
+
+bool Connection::linger(std::chrono::milliseconds pause) {
+  pollfd peer{_channel.socket(), POLLRDHUP, 0};
+  return ::poll(&peer, 1, static_cast<int>(pause.count())) == 0;
+}
+
+void Connection::drip(std::string_view bytes, std::chrono::milliseconds pause) {
+  while (!bytes.empty() && linger(pause)) {
+    send(bytes.substr(0, 1));
+    bytes.remove_prefix(1);
   }
 }
 

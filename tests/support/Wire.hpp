@@ -5,6 +5,7 @@
 // sending to it does nothing.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -73,8 +74,13 @@ class Connection {
   std::optional<RecordedRequest> readHead();
   // Reads and drops up to that many bytes; false where the peer closes before.
   bool readBytes(std::size_t count);
+  // What has come and was not read, at least one byte; empty where the peer has closed.
+  std::string readSome();
   // Reads and drops whatever comes until the peer closes.
   void awaitPeerClose();
+  // Waits for the peer to close, at most that long after the latest byte from it, which stays
+  // unread. For where not closing is a result.
+  bool peerClosesWithin(std::chrono::milliseconds limit);
 
   void send(std::string_view bytes) { _channel.send(bytes); }
   // A response with a Content-Length, unless the headers have one or a Transfer-Encoding.
@@ -83,6 +89,10 @@ class Connection {
                    const HeaderList& trailers = {});
   // Sends the bytes in that many pieces; each but the first passes the gate before it is sent.
   void trickle(std::string_view bytes, std::size_t pieces, Gate& gate);
+  // Takes that long, for a server that is slow; less, and then false, where the peer closes.
+  bool linger(std::chrono::milliseconds pause);
+  // Sends the bytes one by one with that pause before each, while the peer stays.
+  void drip(std::string_view bytes, std::chrono::milliseconds pause);
   // Does nothing until the event is set.
   void stallUntil(const Event& event) { event.wait(); }
 

@@ -1,10 +1,15 @@
 // The options in the order in which they are read, then what follows from them.
 #include "plugins/http_client/config/ConfiguredOptions.hpp"
 
+#include <algorithm>
 #include <limits>
 #include <stdexcept>
+#include <string_view>
 
 #include "plugins/http_client/config/OptionReader.hpp"
+#include "plugins/http_client/text/Ascii.hpp"
+#include "plugins/http_client/text/HeaderRules.hpp"
+#include "plugins/http_client/text/HostName.hpp"
 
 namespace connectivity::plugins {
 
@@ -20,29 +25,31 @@ std::string readAuthenticationType(OptionReader& reader, const char* name) {
 }
 
 void readServer(OptionReader& reader, ConfiguredOptions& options) {
+  ConfiguredOptions::Tls& tls = options.tls;
   options.host = reader.text("host");
   options.port = reader.integer("port", options.port, anyPort);
   options.timeoutSecs = reader.integer("timeoutSecs", options.timeoutSecs);
-  options.tls = reader.boolean("tls", options.tls);
-  options.tlsCertificateAuthorityFile =
+  tls.enabled = reader.boolean("tls", tls.enabled);
+  tls.certificateAuthorityFile =
       reader.text({"tlsCertificateAuthorityFile", "certificateAuthorityPath"});
-  options.tlsAcceptUnrecognizedCertificates =
+  tls.acceptUnrecognizedCertificates =
       reader.boolean({"tlsAcceptUnrecognizedCertificates", "acceptUnrecognizedCertificates"},
-                     options.tlsAcceptUnrecognizedCertificates);
-  options.authenticationType = readAuthenticationType(reader, "authentication/authenticationType");
-  options.username = reader.text({"authentication/username", "authentication/user"});
-  options.password = reader.text("authentication/password");
+                     tls.acceptUnrecognizedCertificates);
+  ConfiguredOptions::Credentials& own = options.authentication;
+  own.authenticationType = readAuthenticationType(reader, "authentication/authenticationType");
+  own.username = reader.text({"authentication/username", "authentication/user"});
+  own.password = reader.text("authentication/password");
   options.basePath = reader.text("basePath");
 }
 
-void readProxy(OptionReader& reader, ConfiguredOptions& options) {
-  options.proxyHost = reader.text("proxy/host");
-  options.proxyPort = reader.integer("proxy/port", options.proxyPort);
-  options.proxyAuthenticationType =
+void readProxy(OptionReader& reader, ConfiguredOptions::Proxy& proxy) {
+  ConfiguredOptions::Credentials& own = proxy.authentication;
+  proxy.host = reader.text("proxy/host");
+  proxy.port = reader.integer("proxy/port", proxy.port);
+  own.authenticationType =
       readAuthenticationType(reader, "proxy/authentication/authenticationType");
-  options.proxyUsername =
-      reader.text({"proxy/authentication/username", "proxy/authentication/user"});
-  options.proxyPassword = reader.text("proxy/authentication/password");
+  own.username = reader.text({"proxy/authentication/username", "proxy/authentication/user"});
+  own.password = reader.text("proxy/authentication/password");
 }
 
 void readBehaviour(OptionReader& reader, ConfiguredOptions& options) {
@@ -54,23 +61,72 @@ void readBehaviour(OptionReader& reader, ConfiguredOptions& options) {
       reader.oneOf("maxResponsePolicy", responsePolicies()(), options.maxResponsePolicy);
 }
 
-void complete(ConfiguredOptions& options) {
-  if (options.port == ConfiguredOptions::portUnset) options.port = options.tls ? 443 : 80;
-  options.useServerAuthentication = options.authenticationType != "none";
+// "PATCH, OPTIONS" -> {"PATCH", "OPTIONS"}; what stands between the commas is checked later.
+std::vector<std::string> split(std::string_view names) {
+  std::vector<std::string> result;
+  if (trimmed(names).empty()) return result;
+  for (std::size_t end = 0; end != std::string_view::npos;) {
+    end = names.find(',');
+    result.emplace_back(trimmed(names.substr(0, end)));
+    if (end != std::string_view::npos) names.remove_prefix(end + 1);
+  }
+  return result;
 }
 
-void require(bool fact, const char* otherwise) {
-  if (!fact) throw std::runtime_error(std::string("HTTPClient configuration ") + otherwise);
+void readFurther(OptionReader& reader, ConfiguredOptions& options) {
+  constexpr std::int64_t absent = 0;  // is in no deadline's range
+  const std::int64_t deadline = reader.integer("deadlineSecs", absent, atLeastOne);
+  if (deadline != absent) options.deadlineSecs = deadline;
+  options.tls.clientCertificateFile = reader.text("tlsClientCertificateFile");
+  options.tls.clientKeyFile = reader.text("tlsClientKeyFile");
+  options.tls.clientKeyPassword = reader.text("tlsClientKeyPassword");
+  options.additionalMethods = split(reader.text("additionalMethods"));
+  options.markFailures = reader.boolean("markFailures", options.markFailures);
+}
+
+void require(bool fact, const std::string& otherwise) {
+  if (!fact) throw std::runtime_error("HTTPClient configuration " + otherwise);
+}
+
+void checkHost(const std::string& host, const char* option) {
+  if (const char* const fault = faultOfHost(host)) {
+    require(false, std::string(option) + " " + fault);
+  }
+}
+
+void checkMethods(const std::vector<std::string>& methods) {
+  for (const std::string& method : methods) {
+    const bool hasSmall =
+        std::any_of(method.begin(), method.end(), [](char c) { return c >= 'a' && c <= 'z'; });
+    require(isToken(method) && !hasSmall,
+            "additionalMethods \"" + method + "\" is not a method in upper case");
+    require(method != "CONNECT", "additionalMethods must not name CONNECT");
+  }
 }
 
 void check(const ConfiguredOptions& options) {
+  const ConfiguredOptions::Proxy& proxy = options.proxy;
   require(!options.host.empty(), "host must be given");
-  require(options.proxyHost.empty() || (options.proxyPort >= 1 && options.proxyPort <= 65535),
+  checkHost(options.host, "host");
+  checkHost(proxy.host, "proxy/host");
+  require(proxy.host.empty() || (proxy.port >= 1 && proxy.port <= 65535),
           "proxy/port must be between 1 and 65535");
   require(options.timeoutSecs > 0, "timeoutSecs must be more than 0");
   // Each worker is a thread with a connection: a slip of the finger must not exhaust the machine.
   require(options.numClients <= ConfiguredOptions::mostClients,
           "numClients must not be more than 4096");
+  const ConfiguredOptions::Tls& tls = options.tls;
+  require(tls.clientCertificateFile.empty() == tls.clientKeyFile.empty(),
+          "tlsClientCertificateFile and tlsClientKeyFile must be given together");
+  require(tls.enabled || tls.clientCertificateFile.empty(),
+          "tlsClientCertificateFile must not be given without tls");
+  checkMethods(options.additionalMethods);
+}
+
+void complete(ConfiguredOptions& options) {
+  if (options.port == ConfiguredOptions::portUnset) options.port = options.tls.enabled ? 443 : 80;
+  options.host = withoutBrackets(options.host);
+  options.proxy.host = withoutBrackets(options.proxy.host);
 }
 
 }  // namespace
@@ -79,11 +135,12 @@ ConfiguredOptions ConfiguredOptions::parse(const map_t& configuration) {
   OptionReader reader("HTTPClient configuration", configuration);
   ConfiguredOptions options;
   readServer(reader, options);
-  readProxy(reader, options);
+  readProxy(reader, options.proxy);
   readBehaviour(reader, options);
+  readFurther(reader, options);
   reader.finish();
-  complete(options);
   check(options);
+  complete(options);
   return options;
 }
 

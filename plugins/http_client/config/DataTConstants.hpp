@@ -45,6 +45,8 @@ struct DataTConstants {
   const Constant requestSentTime{"requestSentTime"};
   const Constant maxResponseKB{"maxResponseKB"};
   const Constant maxResponsePolicy{"maxResponsePolicy"};
+  const Constant deadlineSecs{"deadlineSecs"};
+  const Constant failure{"failure"};
 
   // What the transport itself reads of a message, before a worker does.
   const Constant controlType{"qor.control.type"};

@@ -6,8 +6,8 @@
 //
 // Producers open a LockPushBatch, which holds the queue's mutex, and push through it; consumers are
 // woken when it closes. A producer waits while the queue is full, and lets go of the mutex
-// meanwhile, so that other batches may come between its elements. The queue never calls its logger,
-// and never destroys a value, while the mutex is held.
+// meanwhile, so that other batches may come between its elements. The queue never calls its logger
+// or a batch's listener, and never destroys a value, while the mutex is held.
 //
 // Any thread may call anything. Before the queue is destroyed, all of them have left it.
 #pragma once
@@ -164,8 +164,13 @@ class AffinityQueue {
     std::uint32_t waiting = 0;  // consumers that sleep in front of this lane
   };
 
-  bool waitForSpace(const LockPushBatch& batch) ORRERY_REQUIRES(mutex);
+  bool waitForSpace(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
+  bool lookForSpace() ORRERY_REQUIRES(mutex);
+  void sleepForSpace() ORRERY_REQUIRES(mutex);
+  // These let go of the mutex meanwhile: an element that was waited for is linked before endWait.
   void reportFull() ORRERY_REQUIRES(mutex);
+  void reportWait(LockPushBatch& batch, bool waiting) ORRERY_REQUIRES(mutex);
+  void endWait(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
   void append(Element& element, std::uint32_t pair, Lane& lane, LockPushBatch& batch)
       ORRERY_REQUIRES(mutex);
   Owner take(std::uint32_t consumer, const std::optional<std::function<void()>>& onTaken)
@@ -192,15 +197,21 @@ class AffinityQueue {
 template <typename Value, typename LoggerType>
 class ORRERY_SCOPED_CAPABILITY AffinityQueue<Value, LoggerType>::LockPushBatch {
  public:
+  // Told when the batch begins (true) and ends (false) to wait for space, once each for one wait,
+  // without the mutex. Does not throw.
+  using WaitListener = std::function<void(bool waiting)>;
+
   // Once `*abandon` is true the batch takes no more values; null: it takes them all.
-  explicit LockPushBatch(AffinityQueue& queue, const std::atomic<bool>* abandon = nullptr)
-      ORRERY_ACQUIRE(queue.mutex)
-      : _queue(queue), _abandon(abandon) {
+  explicit LockPushBatch(AffinityQueue& queue, const std::atomic<bool>* abandon = nullptr,
+                         WaitListener onWait = {}) ORRERY_ACQUIRE(queue.mutex)
+      : _queue(queue), _abandon(abandon), _onWait(std::move(onWait)) {
     _queue.mutex.lock();
   }
   ~LockPushBatch() ORRERY_RELEASE() {
     _queue.mutex.unlock();
     if (_wakeConsumers) _queue.work.broadcast();
+    // A wait that ended by an exception.
+    if (_waiting && _onWait) _onWait(false);
   }
   LockPushBatch(const LockPushBatch&) = delete;
   LockPushBatch& operator=(const LockPushBatch&) = delete;
@@ -213,6 +224,8 @@ class ORRERY_SCOPED_CAPABILITY AffinityQueue<Value, LoggerType>::LockPushBatch {
   friend class AffinityQueue;
   AffinityQueue& _queue;
   const std::atomic<bool>* const _abandon;
+  const WaitListener _onWait;
+  bool _waiting = false;  // as was reported last
   bool _wakeConsumers = false;
 };
 
@@ -263,6 +276,7 @@ bool AffinityQueue<Value, LoggerType>::enqueue(LockPushBatch& batch, Given&& val
     for (std::uint32_t i = 0; i < numConsumers; ++i) append(*element, i, lanes[i], batch);
   }
   ++count;
+  endWait(batch);
   return true;
   // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
 }
@@ -281,6 +295,7 @@ bool AffinityQueue<Value, LoggerType>::enqueueOnEachLane(
     append(*row[i].release(), 0, lanes[i % numConsumers], batch);
   }
   count += rowLength;
+  endWait(batch);
   return true;
 }
 
@@ -292,25 +307,50 @@ void AffinityQueue<Value, LoggerType>::append(Element& element, std::uint32_t pa
 }
 
 template <typename Value, typename LoggerType>
-bool AffinityQueue<Value, LoggerType>::waitForSpace(const LockPushBatch& batch) {
+bool AffinityQueue<Value, LoggerType>::waitForSpace(LockPushBatch& batch) {
   while (!batch.isAbandoned()) {
-    if (fullWarned && count < notFullBelow) {
-      fullWarned = false;
-      return true;
-    }
-    if (count < capacity || terminated) return true;
+    if (lookForSpace()) return true;
+    // Each of these lets go of the mutex: look again.
     if (!fullWarned) {
       fullWarned = true;
-      reportFull();  // lets go of the mutex: look again
-      continue;
+      reportFull();
+    } else if (!batch._waiting) {
+      reportWait(batch, true);
+    } else {
+      sleepForSpace();
     }
-    // Nobody else may wake those who are to make the space: this batch is not closed yet.
-    if (waitingConsumers > 0) work.broadcast();
-    ++waitingProducers;
-    space.timedWait(1000);
-    --waitingProducers;
   }
+  endWait(batch);
   return false;
+}
+
+template <typename Value, typename LoggerType>
+bool AffinityQueue<Value, LoggerType>::lookForSpace() {
+  if (count < notFullBelow) fullWarned = false;
+  return count < capacity || terminated;
+}
+
+template <typename Value, typename LoggerType>
+void AffinityQueue<Value, LoggerType>::sleepForSpace() {
+  // Nobody else may wake those who are to make the space: this batch is not closed yet.
+  if (waitingConsumers > 0) work.broadcast();
+  ++waitingProducers;
+  space.timedWait(1000);
+  --waitingProducers;
+}
+
+template <typename Value, typename LoggerType>
+void AffinityQueue<Value, LoggerType>::endWait(LockPushBatch& batch) {
+  if (batch._waiting) reportWait(batch, false);
+}
+
+template <typename Value, typename LoggerType>
+void AffinityQueue<Value, LoggerType>::reportWait(LockPushBatch& batch, bool waiting) {
+  batch._waiting = waiting;
+  if (!batch._onWait) return;
+  mutex.unlock();
+  batch._onWait(waiting);
+  mutex.lock();
 }
 
 template <typename Value, typename LoggerType>

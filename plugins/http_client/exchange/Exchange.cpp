@@ -1,75 +1,95 @@
-// From a request record to its answer: the exchange with the server, its one retry, the redirects
-// that follow, and the way of every failure to an error response.
-#include <exception>
+#include "plugins/http_client/exchange/Exchange.hpp"
+
+#include <algorithm>
+#include <limits>
 #include <string>
 #include <utility>
 
-#include <Poco/Exception.h>
-#include <Poco/Net/HTTPRequest.h>
-#include <Poco/Net/HTTPResponse.h>
 #include <Poco/Net/NetException.h>
 
-#include "plugins/http_client/exchange/Redirects.hpp"
 #include "plugins/http_client/request/ContentEncoding.hpp"
 #include "plugins/http_client/request/Refusal.hpp"
-#include "plugins/http_client/request/Request.hpp"
 #include "plugins/http_client/request/RequestTarget.hpp"
+#include "plugins/http_client/response/ResponseContent.hpp"
 #include "plugins/http_client/response/ResponseReading.hpp"
-#include "plugins/http_client/worker/ClientSessionThread.hpp"
+#include "plugins/http_client/wire/TunnelLayer.hpp"
 
 namespace connectivity::plugins {
 
-void HTTPClient::ClientSessionThread::handleRequest(request&& req) noexcept {
-  bool refused = false;
+namespace {
+
+// A buffer that has grown beyond this is given back.
+constexpr std::size_t keptBufferBytes = std::size_t{1} << 20U;
+
+unsigned int sampleOf(std::uint64_t bytes) noexcept {
+  constexpr std::uint64_t most = std::numeric_limits<unsigned int>::max();
+  return static_cast<unsigned int>(std::min(bytes, most));
+}
+
+}  // namespace
+
+Exchange::Exchange(const ConfiguredOptions& options, Cookies& cookies, SessionHome& home,
+                   const WorkerLog& log)
+    : _followsRedirects(options.followRedirects),
+      _basePath(options.basePath),
+      _cookies(cookies),
+      _home(home),
+      _log(log),
+      _heads(options, cookies, log) {}
+
+Outcome Exchange::handleRequest(request& req) noexcept {
+  Outcome outcome;
+  _reached = Reached::Nothing;
   try {
-    perform(req);
-  } catch (const RefusedRequest& refusal) {
-    refused = true;
-    handleRefusal(refusal.what(), req);
+    perform(req, outcome);
   } catch (const RedirectFailed& failure) {
-    handleRedirectException(failure.name(), failure.what(), req);
-  } catch (const ResponseLimitExceeded& exceeded) {
-    handleHTTPException(nullptr, exceeded.what(), req,
-                        Poco::Net::HTTPResponse::HTTP_REQUEST_ENTITY_TOO_LARGE);
-  } catch (const Poco::Exception& failure) {
-    handleHTTPException(failure.name(), failure.message().c_str(), req,
-                        Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
-  } catch (const std::exception& failure) {
-    handleHTTPException(nullptr, failure.what(), req, Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
+    const char* name = failure.name();
+    outcome.failure = {FailureKind::RedirectFailed, name == nullptr ? "" : name, failure.what()};
+    outcome.response.reset();
   } catch (...) {
-    handleHTTPException(nullptr, unknownException, req, Poco::Net::HTTPResponse::HTTP_BAD_REQUEST);
+    outcome.failure = currentFailure(kindOfFailure());
+    outcome.response.reset();
   }
-  returnToConfiguredServer();
-  if (refused) return;
-  updateStatus([&](Metrics& items) { items.updateRequestMetrics(req.bodySize); });
+  return outcome;
 }
 
-// The whole way of a request that was read without fault. Throws until the answer is handed over.
-void HTTPClient::ClientSessionThread::perform(request& req) {
-  transportLog(Level::Debug, "Handling a request for %s path %s", req.methodText().c_str(),
-               req.pathText());
+void Exchange::perform(request& req, Outcome& outcome) {
+  announce(req);
+  req.hop.target = requestTarget(_basePath, req.pathText(), req.queryParameters);
+  RequestBody body = bodyOf(req);
+  outcome.requestBytes = sampleOf(body.size());
+  for (;;) {
+    exchange(req, body, outcome);
+    const std::optional<FollowUp> next = followUp(req, *outcome.response);
+    if (!next) return;
+    if (next->withoutBody) body = RequestBody::none();
+    follow(*next, req);
+  }
+}
+
+void Exchange::announce(const request& req) const {
+  _log.transportLog(Level::Debug, "Handling a request for %s path %s", req.hop.method.c_str(),
+                    req.pathText());
   for (const auto& [name, value] : req.queryParameters) {
-    transportLog(Level::Trace, "   request query %s = %s", name.c_str(), value.c_str());
+    _log.transportLog(Level::Trace, "   request query %s = %s", name.c_str(), value.c_str());
   }
-  try {
-    req.target = requestTarget(owner.options.basePath, req.pathText(), req.queryParameters);
-  } catch (const std::exception& badTarget) {
-    throw RefusedRequest(badTarget.what());
-  }
-  Poco::Net::HTTPResponse response;
-  buffer_t payload;
-  do {
-    payload = exchange(req, response);
-  } while (processRedirectResponse(response, req));
-  owner.metrics.updateTransportStatus("ONLINE");
-  sendResponse(response, std::move(payload), req);
 }
 
-// One exchange, tried a second time where the connection failed. A time-out is no such failure.
-buffer_t HTTPClient::ClientSessionThread::exchange(request& req,
-                                                   Poco::Net::HTTPResponse& response) {
+RequestBody Exchange::bodyOf(request& req) const {
   try {
-    return attempt(req, response);
+    return ContentEncoding(req, _log).generateRequest();
+  } catch (const UnsupportedRequestCoding&) {
+    _home.session().reset();
+    throw;
+  }
+}
+
+void Exchange::exchange(const request& req, const RequestBody& body, Outcome& outcome) {
+  const PreparedRequest prepared = _heads.createRequest(req, body, _home.destination());
+  try {
+    return attempt(prepared, req, outcome);
+  } catch (const TunnelRefused&) {
+    throw;
   } catch (const Poco::Net::NoMessageException& failure) {
     prepareRetry("Poco::Net::NoMessageException", failure);
   } catch (const Poco::Net::ConnectionAbortedException& failure) {
@@ -77,22 +97,90 @@ buffer_t HTTPClient::ClientSessionThread::exchange(request& req,
   } catch (const Poco::IOException& failure) {
     prepareRetry("Poco::IOException", failure);
   }
-  return attempt(req, response);
+  attempt(prepared, req, outcome);
 }
 
-buffer_t HTTPClient::ClientSessionThread::attempt(request& req, Poco::Net::HTTPResponse& response) {
-  Poco::Net::HTTPRequest httpRequest(req.methodText(), req.target, "HTTP/1.1");
-  ContentEncoding(*this).generateRequest(req, httpRequest);
-  ResponseBody& body = session->receiveResponse(response);
-  const unsigned int size = processResponse(response, body, responseBuffer, req);
-  return buffer_t::copyOf({responseBuffer.data(), size});
+// REQUIRES: called from a catch handler. Throws on where the request must not be sent again.
+void Exchange::prepareRetry(const char* kind, const Poco::Exception& failure) {
+  if (_home.session().answerBegun()) throw;
+  _log.transportLog(Level::Debug, "Caught a %s processing a request, will retry once: %s (%s)",
+                    kind, failure.name(), failure.message().c_str());
+  _home.session().reset();
 }
 
-void HTTPClient::ClientSessionThread::prepareRetry(const char* kind,
-                                                   const Poco::Exception& failure) {
-  transportLog(Level::Debug, "Caught a %s processing a request, will retry once: %s (%s)", kind,
-               failure.name(), failure.message().c_str());
-  resetSession();
+void Exchange::attempt(const PreparedRequest& prepared, const request& req, Outcome& outcome) {
+  HttpSession& session = _home.session();
+  _reached = Reached::Session;
+  session.setDeadline(req.deadline);
+  session.send({prepared.head, prepared.body->pieces(), req.hop.method == "HEAD",
+                prepared.tunnelAuthorization});
+  outcome.response.emplace();
+  outcome.response->head = &session.receive();
+  outcome.response->fromConfiguredServer = _home.atHome();
+  try {
+    readBody(req, outcome);
+  } catch (const ResponseLimitExceeded&) {
+    session.finish(Leftover::OverLimit);
+    throw;
+  } catch (...) {
+    session.reset();
+    // The stream that was read tells only that it failed.
+    if (req.deadline && HttpSession::Clock::now() >= *req.deadline) throw DeadlineExceeded();
+    throw;
+  }
+}
+
+void Exchange::readBody(const request& req, Outcome& outcome) {
+  HttpSession& session = _home.session();
+  const ReadBody read =
+      processResponse(session.head(), session.body(), _buffer, req.limit, _log.warnings());
+  outcome.response->payload = buffer_t::copyOf({_buffer.data(), read.size});
+  const bool limited = req.limit.maxResponseKB >= 0;
+  session.finish(read.leftUnread ? Leftover::None
+                 : limited       ? Leftover::OverLimit
+                                 : Leftover::Little);
+}
+
+std::optional<FollowUp> Exchange::followUp(request& req, const Response& response) {
+  if (!_followsRedirects || !isRedirect(response.head->status())) return std::nullopt;
+  auto next = processRedirectResponse(*response.head, _home.location(req.hop.target), req, _log);
+  if (!next) return next;
+  const bool fromHome = _home.atHome();
+  if (next->elsewhere) {
+    try {
+      _home.moveTo(next->location.host, next->location.port);
+    } catch (...) {
+      const Failure failure = currentFailure(FailureKind::RedirectFailed);
+      throw RedirectFailed(failure.message, failure.name);
+    }
+  }
+  // Only now is the redirect sure to be followed. The session at home is still there.
+  if (fromHome) _cookies.storeCookiesFromResponse(response.head->findAll("Set-Cookie"));
+  return next;
+}
+
+// REQUIRES: called from a catch handler.
+FailureKind Exchange::kindOfFailure() noexcept {
+  HttpSession& session = _home.session();
+  try {
+    throw;
+  } catch (const RefusedRequest&) {
+    return FailureKind::Refused;
+  } catch (const TunnelRefused&) {
+    return FailureKind::TunnelRefused;
+  } catch (const ResponseLimitExceeded&) {
+    return FailureKind::LimitExceeded;
+  } catch (const DeadlineExceeded&) {
+    return FailureKind::DeadlineExceeded;
+  } catch (...) {
+    if (_reached == Reached::Nothing) return FailureKind::Refused;
+    if (session.answerBegun()) return FailureKind::BadAnswer;
+    return session.connected() ? FailureKind::NoAnswer : FailureKind::Unreachable;
+  }
+}
+
+void Exchange::trim() noexcept {
+  if (_buffer.capacity() > keptBufferBytes) std::vector<char>().swap(_buffer);
 }
 
 }  // namespace connectivity::plugins

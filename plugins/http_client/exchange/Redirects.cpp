@@ -1,122 +1,140 @@
-// Following a Location: which redirects are followed, where to, and with what.
 #include "plugins/http_client/exchange/Redirects.hpp"
 
 #include <exception>
-#include <string>
-#include <utility>
-
-#include <Poco/Exception.h>
 
 #include "connectivity/value_access.hpp"
-#include "plugins/http_client/request/Request.hpp"
-#include "plugins/http_client/request/RequestTarget.hpp"
-#include "plugins/http_client/text/HeaderRules.hpp"
-#include "plugins/http_client/worker/ClientSessionThread.hpp"
+#include "plugins/http_client/text/Ascii.hpp"
+#include "plugins/http_client/text/CharacterSets.hpp"
 
 namespace connectivity::plugins {
 
 namespace {
 
-using Poco::Net::HTTPResponse;
+constexpr int movedPermanently = 301;
+constexpr int found = 302;
+constexpr int seeOther = 303;
+constexpr int temporaryRedirect = 307;
+constexpr int permanentRedirect = 308;
 
-bool isRedirect(HTTPResponse::HTTPStatus status) noexcept {
-  return status == HTTPResponse::HTTP_MOVED_PERMANENTLY || status == HTTPResponse::HTTP_FOUND ||
-         status == HTTPResponse::HTTP_SEE_OTHER ||
-         status == HTTPResponse::HTTP_TEMPORARY_REDIRECT ||
-         status == HTTPResponse::HTTP_PERMANENT_REDIRECT;
-}
-
-bool isPermanent(HTTPResponse::HTTPStatus status) noexcept {
-  return status == HTTPResponse::HTTP_MOVED_PERMANENTLY ||
-         status == HTTPResponse::HTTP_PERMANENT_REDIRECT;
+bool isPermanent(int status) noexcept {
+  return status == movedPermanently || status == permanentRedirect;
 }
 
 // Whether the follow-up is a GET without a body (RFC 9110, 15.4): after 303 all but HEAD, after 301
 // and 302 a POST.
-bool becomesGet(HTTPResponse::HTTPStatus status, const std::string& method) {
-  if (status == HTTPResponse::HTTP_SEE_OTHER) return method != "HEAD";
-  return method == "POST" &&
-         (status == HTTPResponse::HTTP_MOVED_PERMANENTLY || status == HTTPResponse::HTTP_FOUND);
+bool becomesGet(int status, const std::string& method) {
+  if (status == seeOther) return method != "HEAD";
+  return method == "POST" && (status == movedPermanently || status == found);
 }
 
-template <typename Request>
-void dropBody(Request& req) {
-  req.wireMethod = "GET";
-  req.payload = data_t(buffer_t());
-  req.form = data_t();
-  req.headers.erase("content-type");
-  req.headers.erase("content-encoding");
-}
-
-}  // namespace
-
-bool HTTPClient::ClientSessionThread::processRedirectResponse(const HTTPResponse& response,
-                                                              request& req) {
-  if (!owner.options.followRedirects || !isRedirect(response.getStatus())) return false;
-  if (req.redirectsTaken >= req.redirectLimit) throw RedirectFailed("Maximum redirects exceeded");
-
-  const int status = response.getStatus();
-  const std::string id = toText(req.requestId);
-  transportLog(Level::Debug, "Received Redirect request for Id %s and status %d", id.c_str(),
-               status);
-  if (!response.has("Location")) {
-    transportLog(
-        Level::Warn,
-        "Ignored HTTP redirect: No location header specified in redirect for Id %s ,status %d",
-        id.c_str(), status);
-    return false;
-  }
-  ++req.redirectsTaken;
+Location resolved(const Location& current, std::string_view location) {
   try {
-    return followTo(response, req, id);
-  } catch (const Poco::Exception& failure) {
-    throw RedirectFailed(failure.message(), failure.name());
+    return resolveLocation(current, location);
   } catch (const std::exception& failure) {
     throw RedirectFailed(failure.what());
   }
 }
 
-bool HTTPClient::ClientSessionThread::followTo(const HTTPResponse& response, request& req,
-                                               const std::string& id) {
-  const int status = response.getStatus();
-  const std::string& location = response.get("Location");
-  const Location current{scheme, sessionHost, sessionPort, req.target};
-  const Location next = resolveLocation(current, location);
-  transportLog(Level::Debug, "Processing request for status: %llu ,Last URI: %s ,Target URI: %s",
-               static_cast<unsigned long long>(status), req.target.c_str(), location.c_str());
-  if (next.scheme != current.scheme) {
-    transportLog(
+// One redirect, with what its log lines name.
+class Redirect {
+ public:
+  Redirect(int status, std::string location, const request& req, const WorkerLog& log)
+      : _status(status), _location(std::move(location)), _id(toText(req.requestId)), _log(log) {}
+
+  void received() const {
+    _log.transportLog(Level::Debug, "Received Redirect request for Id %s and status %d",
+                      _id.c_str(), _status);
+  }
+  void withoutLocation() const {
+    _log.transportLog(
+        Level::Warn,
+        "Ignored HTTP redirect: No location header specified in redirect for Id %s ,status %d",
+        _id.c_str(), _status);
+  }
+  void processing(const Location& current) const {
+    _log.transportLog(
+        Level::Debug, "Processing request for status: %llu ,Last URI: %s ,Target URI: %s",
+        static_cast<unsigned long long>(_status), current.target.c_str(), _location.c_str());
+  }
+  void toOtherScheme(const Location& current, const Location& next) const {
+    _log.transportLog(
         Level::Warn,
         "Ignored HTTP redirect: Id %s, status %d, it redirects to different schema, from %s "
         "to %s and LocationURI %s",
-        id.c_str(), status, current.scheme.c_str(), next.scheme.c_str(), location.c_str());
-    return false;
+        _id.c_str(), _status, current.scheme.c_str(), next.scheme.c_str(), _location.c_str());
   }
-  // A host that a Location names comes in lower case; the configured one is as it was given.
-  const bool elsewhere =
-      lowerCased(next.host) != lowerCased(current.host) || next.port != current.port;
-  if (elsewhere && !isPermanent(response.getStatus())) {
-    transportLog(
+  void toOtherServer(const Location& current, const Location& next) const {
+    _log.transportLog(
         Level::Warn,
         "Ignored HTTP redirect: Id %s, status %d, it redirects to different host/port, from "
         "host %s or port %u to %s:%u",
-        id.c_str(), status, current.host.c_str(), unsigned{current.port}, next.host.c_str(),
+        _id.c_str(), _status, current.host.c_str(), unsigned{current.port}, next.host.c_str(),
         unsigned{next.port});
-    return false;
   }
-  const bool fromConfiguredServer = atConfiguredServer();
-  if (elsewhere) {
-    transportLog(Level::Debug, "Received permanent redirects requests with host= %s and new URL %s",
-                 next.host.c_str(), location.c_str());
-    moveSession(next.host, next.port);
+  void movesPermanently(const Location& next) const {
+    _log.transportLog(Level::Debug,
+                      "Received permanent redirects requests with host= %s and new URL %s",
+                      next.host.c_str(), _location.c_str());
   }
-  // Only now is the redirect sure to be followed.
-  if (fromConfiguredServer) owner.cookies.storeCookiesFromResponse(response);
-  if (becomesGet(response.getStatus(), req.methodText())) dropBody(req);
-  req.target = next.target;
-  transportLog(Level::Debug, "Redirect Request: %s %s %d and RequestURI %s",
-               req.methodText().c_str(), req.pathText(), status, req.target.c_str());
-  return true;
+  void followed(const FollowUp& next, const request& req) const {
+    _log.transportLog(Level::Debug, "Redirect Request: %s %s %d and RequestURI %s",
+                      next.withoutBody ? "GET" : req.hop.method.c_str(), req.pathText(), _status,
+                      next.location.target.c_str());
+  }
+
+ private:
+  const int _status;
+  const std::string _location;
+  const std::string _id;
+  const WorkerLog& _log;
+};
+
+}  // namespace
+
+bool isRedirect(int status) noexcept {
+  return status == movedPermanently || status == found || status == seeOther ||
+         status == temporaryRedirect || status == permanentRedirect;
+}
+
+std::optional<FollowUp> processRedirectResponse(const ResponseHead& response,
+                                                const Location& current, request& req,
+                                                const WorkerLog& log) {
+  if (req.redirectsTaken >= req.redirectLimit) throw RedirectFailed("Maximum redirects exceeded");
+  const int status = response.status();
+  const auto location = response.find("Location");
+  const Redirect lines(status, shownFromWire(location.value_or(std::string_view())), req, log);
+  lines.received();
+  if (!location) {
+    lines.withoutLocation();
+    return std::nullopt;
+  }
+  ++req.redirectsTaken;
+  FollowUp next{resolved(current, *location), false, becomesGet(status, req.hop.method)};
+  lines.processing(current);
+  if (next.location.scheme != current.scheme) {
+    lines.toOtherScheme(current, next.location);
+    return std::nullopt;
+  }
+  // A host that a Location names comes in lower case; the configured one is as it was given.
+  next.elsewhere =
+      !equalsIgnoringCase(next.location.host, current.host) || next.location.port != current.port;
+  if (next.elsewhere && !isPermanent(status)) {
+    lines.toOtherServer(current, next.location);
+    return std::nullopt;
+  }
+  if (next.elsewhere) lines.movesPermanently(next.location);
+  lines.followed(next, req);
+  return next;
+}
+
+void follow(const FollowUp& next, request& req) {
+  req.hop.target = next.location.target;
+  if (!next.withoutBody) return;
+  req.hop.method = "GET";
+  req.payload = data_t(buffer_t());
+  req.form = data_t();
+  req.headers.erase("content-type");
+  req.headers.erase("content-encoding");
 }
 
 }  // namespace connectivity::plugins

@@ -189,24 +189,17 @@ std::string urlEncodedForm(const std::vector<FormField>& fields) {
   return text;
 }
 
-MultipartForm::MultipartForm(const std::vector<FormField>& fields, const std::string& boundary) {
+RequestBody multipartForm(const std::vector<FormField>& fields, const std::string& boundary) {
+  RequestBody body;
   std::string delimiter = "--" + boundary;
-  _parts.reserve(fields.size());
+  bool first = true;
   for (const FormField& field : fields) {
-    const Part& part = _parts.emplace_back(Part{partHead(field, delimiter), field.value});
-    _contentLength += part.head.size() + part.value.size();
-    if (_parts.size() == 1) delimiter.insert(0, "\r\n");
+    body.append(partHead(field, delimiter));
+    body.appendBorrowed(field.value);
+    if (std::exchange(first, false)) delimiter.insert(0, "\r\n");
   }
-  _end = delimiter + "--\r\n";
-  _contentLength += _end.size();
-}
-
-void MultipartForm::write(std::ostream& out) const {
-  for (const Part& part : _parts) {
-    out.write(part.head.data(), static_cast<std::streamsize>(part.head.size()));
-    out.write(part.value.data(), static_cast<std::streamsize>(part.value.size()));
-  }
-  out.write(_end.data(), static_cast<std::streamsize>(_end.size()));
+  body.append(delimiter + "--\r\n");
+  return body;
 }
 
 }  // namespace connectivity::plugins

@@ -1,16 +1,15 @@
 // An HTML form, as the body of a request or as its query.
 //
 // Fields and bodies borrow the payload and the metadata that they were read from: file contents go
-// from the host's block to the stream without a copy. A body can be written more than once.
+// from the host's block to the socket without a copy.
 #pragma once
 
-#include <cstdint>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "connectivity/data_t.hpp"
+#include "plugins/http_client/request/RequestBody.hpp"
 #include "plugins/http_client/text/ReportLine.hpp"
 
 namespace connectivity::plugins {
@@ -49,24 +48,8 @@ std::vector<FormField> readFormFields(const map_t& payload, const data_t& metada
 // multipart/form-data request carries".
 std::string urlEncodedForm(const std::vector<FormField>& fields);
 
-// A body of the type multipart/form-data (RFC 7578). A double quote in the name of a field or file
-// is written %22, as browsers do.
-class MultipartForm {
- public:
-  MultipartForm(const std::vector<FormField>& fields, const std::string& boundary);
-
-  std::uint64_t contentLength() const noexcept { return _contentLength; }
-  void write(std::ostream& out) const;
-
- private:
-  struct Part {
-    std::string head;  // delimiter and header lines
-    std::string_view value;
-  };
-
-  std::vector<Part> _parts;
-  std::string _end;
-  std::uint64_t _contentLength = 0;
-};
+// A body of the type multipart/form-data (RFC 7578), its values borrowed from where the fields'
+// lie. A double quote in the name of a field or file is written %22, as browsers do.
+RequestBody multipartForm(const std::vector<FormField>& fields, const std::string& boundary);
 
 }  // namespace connectivity::plugins

@@ -1,4 +1,5 @@
-// The failure of a request that cannot be sent as it was given.
+// The failure of a request that cannot be sent as it was given: whatever is wrong with a message
+// ends in this one type.
 #pragma once
 
 #include <stdexcept>
@@ -10,6 +11,13 @@ namespace connectivity::plugins {
 class RefusedRequest : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+};
+
+// The request asks for a content coding that there is none of. The session is reset, by definition.
+class UnsupportedRequestCoding final : public RefusedRequest {
+ public:
+  UnsupportedRequestCoding()
+      : RefusedRequest("Unsupported Content-Encoding, dropping HTTP request.") {}
 };
 
 // The text of a refused payload.

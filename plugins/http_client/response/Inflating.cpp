@@ -21,7 +21,8 @@ InflatingBuffer::InflatingBuffer(std::streambuf& source, SupportedMediaType codi
     : _source(source),
       _gzip(coding == SupportedMediaType::gzip),
       _zlib(std::make_unique<z_stream_s>()),
-      _input(inputBytes) {
+      _input(inputBytes),
+      _chosen(_gzip) {
   if (inflateInit2(_zlib.get(), _gzip ? gzipWindow : MAX_WBITS) != Z_OK) throw std::bad_alloc();
 }
 
@@ -42,12 +43,28 @@ bool InflatingBuffer::beginsNextMember() {
   return std::memcmp(_zlib->next_in, gzipMagic, compared) == 0;
 }
 
+// By the first two bytes (RFC 1950, 2.2): what is no header of zlib's begins raw deflate. False
+// where the content broke off before.
+bool InflatingBuffer::chooseFormat() {
+  constexpr std::streamsize headerBytes = 2;
+  const std::streamsize got = _source.sgetn(_input.data(), headerBytes);
+  const auto first = static_cast<unsigned char>(_input[0]);
+  const auto second = static_cast<unsigned char>(_input[1]);
+  constexpr unsigned deflateMethod = 8;
+  const bool zlib = (first & 0xFU) == deflateMethod && (first * 256U + second) % 31U == 0;
+  if (got == headerBytes && !zlib) inflateReset2(_zlib.get(), -MAX_WBITS);
+  _zlib->next_in = reinterpret_cast<Bytef*>(_input.data());
+  _zlib->avail_in = static_cast<uInt>(got);
+  _chosen = true;
+  return got > 0;
+}
+
 std::size_t InflatingBuffer::decode(char* into, std::size_t room) {
   room = std::min<std::size_t>(room, std::numeric_limits<uInt>::max());
   _zlib->next_out = reinterpret_cast<Bytef*>(into);
   _zlib->avail_out = static_cast<uInt>(room);
   while (_zlib->avail_out > 0 && !_ended) {
-    if (_zlib->avail_in == 0 && !refill()) {
+    if (_zlib->avail_in == 0 && !(_chosen ? refill() : chooseFormat())) {
       _ended = _brokeOff = true;
       break;
     }

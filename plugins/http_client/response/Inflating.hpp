@@ -1,4 +1,5 @@
-// Decoding the body of a response that is compressed as gzip or in zlib's format.
+// Decoding the body of a response that is compressed as gzip or deflate: in zlib's format, or,
+// where that has no header of zlib's, as raw deflate, as some servers send it.
 //
 // Poco's inflating stream takes content that breaks off before its first decoded byte for empty,
 // and stops behind the first member of a gzip content of several (RFC 1952, 2.2); this one does
@@ -44,12 +45,14 @@ class InflatingBuffer final : public std::streambuf {
   std::size_t decode(char* into, std::size_t room);
   bool refill();
   bool beginsNextMember();
+  bool chooseFormat();
 
   std::streambuf& _source;
   const bool _gzip;
   std::unique_ptr<z_stream_s> _zlib;
   std::vector<char> _input;
   std::array<char, skippingBytes> _decoded;  // for reading byte by byte, and skipping
+  bool _chosen = false;                      // the format of the content is known
   bool _ended = false;
   bool _brokeOff = false;
 };

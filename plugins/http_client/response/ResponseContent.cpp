@@ -17,8 +17,6 @@ using std::size_t;
 using std::uint64_t;
 
 constexpr std::string_view truncationMarker = "[TRUNCATED]";
-// Drained in two steps where a stream size has 32 bits: there this count alone means "no limit".
-constexpr std::streamsize drainBytes = 2147483647;
 
 bool isContinuation(char c) noexcept { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80U; }
 bool isLead(char c) noexcept { return static_cast<unsigned char>(c) >= 0xC0U; }
@@ -90,8 +88,6 @@ class ContentReader {
     if (_limit == 0 && _body.good()) _body.peek();
     // A body of exactly the limit counts as over it: its end has not been seen yet.
     if (_count != _limit || !_body.good()) return;
-    _body.ignore(drainBytes - 1);
-    if (_body.good()) _body.ignore(1);
     if (_rejects) {
       throw ResponseLimitExceeded(
           "Response exceeded maxResponseKB, with maxResponsePolicy set to REJECT");
@@ -183,9 +179,9 @@ class ContentReader {
     _count += truncationMarker.size();
   }
 
-  // A cut at the limit counts whatever is left: the session sees to the connection.
+  // A cut at the limit counts whatever is left: the session reads past it.
   void checkState() const {
-    if (_body.eof() || (_cutAtLimit && _body.good())) return;
+    if (_body.eof() || _cutAtLimit) return;
     throw orrery::StreamException(_body.bad()
                                       ? "Error processing response stream: Serious I/O error"
                                       : "Error processing response stream: I/O error");

@@ -31,12 +31,13 @@ inline constexpr std::size_t responseChunkBytes = 102400;
 //
 // `maxResponseKB` counts kilobytes of 1000 bytes; negative: no limit. With an empty `policy` there
 // is no limit either. A body that reaches the limit (one of exactly that many bytes included) is
-//   under REJECT         drained, then ResponseLimitExceeded "Response exceeded maxResponseKB, with
+//   under REJECT         ResponseLimitExceeded "Response exceeded maxResponseKB, with
 //                        maxResponsePolicy set to REJECT"
 //   under TRUNCATE_END   cut before its last line feed within the limit (where there is one), and
 //                        "[TRUNCATED]" follows
 //   under TRUNCATE_START (only where it is longer) reduced to its last maxResponseKB from their
 //                        first line feed on, and "[TRUNCATED]" goes before
+// What is behind the limit stays in the stream under the first two.
 // Where `charset` is exactly "utf-8" no cut leaves a part of a character.
 //
 // Under TRUNCATE_START the count is an odd one where the read that first passed the limit also

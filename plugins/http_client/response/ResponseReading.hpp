@@ -5,32 +5,32 @@
 // lies behind the returned count is nobody's.
 #pragma once
 
-#include <string>
+#include <istream>
 #include <vector>
 
-#include <Poco/Net/HTTPResponse.h>
-
+#include "plugins/http_client/request/Request.hpp"
 #include "plugins/http_client/response/ResponseContent.hpp"
 #include "plugins/http_client/text/ReportLine.hpp"
+#include "plugins/http_client/wire/ResponseBody.hpp"
+#include "plugins/http_client/wire/ResponseHead.hpp"
 
 namespace connectivity::plugins {
 
-class ResponseBody;
+struct ReadBody {
+  unsigned int size = 0;  // of the bytes at the front of the buffer that are the body
+  // The rest of the message is not wanted: it is in a coding that nobody reads.
+  bool leftUnread = false;
+};
 
-// The character set that decides about the trimming of cut characters: what follows the last
-// "charset=" of the lower-cased Content-Type; "utf-8" without the header.
-// Throws std::out_of_range "basic_string::substr".
-std::string trimmingCharset(const Poco::Net::HTTPResponse& response);
-
-// Reads the body of `response` as its Content-Encoding says, and returns the count of bytes as
-// readResponseContent does. A coding that is not supported gives the payload "Unsupported Media
-// Type: " and the header's value, reports the same text, and leaves the body unread. What a decoder
-// leaves of the message is read past where it is little. A body without a byte is not decoded.
+// Reads the body of `response` as its Content-Encoding says, and counts as readResponseContent
+// does. A coding that is not supported gives the payload "Unsupported Media Type: " and the
+// header's value, reports the same text, and leaves the body unread. A body without a byte is not
+// decoded. What is left of the message behind a limit or a coded body stays unread.
 //
-// Throws as readResponseContent and trimmingCharset do, and orrery::StreamException "Error
-// processing response stream: I/O error" where the body ended before its announced end.
-unsigned int readResponse(const Poco::Net::HTTPResponse& response, ResponseBody& body,
-                          std::vector<char>& buffer, const long long& maxResponseKB,
-                          const std::string& policy, const ReportLine& report);
+// Throws as readResponseContent does, and orrery::StreamException "Error processing response
+// stream: I/O error" where the body ended before its announced end.
+ReadBody processResponse(const ResponseHead& response, ResponseBody& body,
+                         std::vector<char>& buffer, const ResponseLimit& limit,
+                         const ReportLine& report);
 
 }  // namespace connectivity::plugins

@@ -5,10 +5,9 @@
 #include <charconv>
 #include <cstddef>
 #include <limits>
-#include <string>
 #include <system_error>
 
-#include "plugins/http_client/text/HeaderRules.hpp"
+#include "plugins/http_client/text/Ascii.hpp"
 
 namespace connectivity::plugins {
 
@@ -17,12 +16,6 @@ namespace {
 using std::chrono::sys_seconds;
 
 constexpr int sessionCookie = -1;
-
-std::string_view trimmed(std::string_view text) noexcept {
-  const std::size_t first = text.find_first_not_of(" \t");
-  if (first == std::string_view::npos) return {};
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
 
 std::string_view withoutQuotes(std::string_view text) noexcept {
   const bool quoted = text.size() >= 2 && text.front() == '"' && text.back() == '"';
@@ -176,9 +169,9 @@ SetCookie readSetCookie(std::string_view line, std::chrono::system_clock::time_p
   const bool isPair = value.find('=') != std::string_view::npos;
   const std::string_view name = trimmed(takeUntil(value, '='));
   value = trimmed(value);
-  if (!isPair || name.empty()) return {Outcome::WithoutName, {}};
+  if (!isPair || name.empty()) return {};
 
-  SetCookie result{Outcome::Usable, Poco::Net::HTTPCookie(std::string(name), std::string(value))};
+  SetCookie result{Outcome::Usable, std::string(name), std::string(value), {}, sessionCookie};
   if (!isPrintable(name)) {
     result.outcome = Outcome::BadName;
   } else if (!isPrintable(value)) {
@@ -186,8 +179,8 @@ SetCookie readSetCookie(std::string_view line, std::chrono::system_clock::time_p
   }
   Attributes attributes;
   while (!line.empty()) attributes.read(takeUntil(line, ';'), now);
-  result.cookie.setPath(std::string(attributes.path));
-  result.cookie.setMaxAge(attributes.maxAge.value_or(attributes.expires.value_or(sessionCookie)));
+  result.path = attributes.path;
+  result.maxAge = attributes.maxAge.value_or(attributes.expires.value_or(sessionCookie));
   return result;
 }
 

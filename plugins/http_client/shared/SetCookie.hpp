@@ -1,22 +1,24 @@
-// One Set-Cookie line, read as browsers do (RFC 6265, 5.2), into Poco's cookie class.
+// One Set-Cookie line, read as browsers do (RFC 6265, 5.2).
 //
-// Pure functions; any thread may call them.
+// Pure functions; any thread may call them. They take time in proportion to the line.
 #pragma once
 
 #include <chrono>
 #include <optional>
+#include <string>
 #include <string_view>
-
-#include <Poco/Net/HTTPCookie.h>
 
 namespace connectivity::plugins {
 
 struct SetCookie {
   enum class Outcome { Usable, WithoutName, BadName, BadValue };
-  Outcome outcome;
-  // Name and value as received, the path ("" where none is given), and the lifetime in seconds: -1
-  // for a session cookie, 0 for one that has expired. Holds name and value where it is not usable.
-  Poco::Net::HTTPCookie cookie;
+  Outcome outcome = Outcome::WithoutName;
+  // As received; without the blanks around them. Also where the cookie is not usable, but for one
+  // without a name.
+  std::string name;
+  std::string value;
+  std::string path;  // "" where none is given
+  int maxAge = -1;   // the lifetime in seconds: -1 for a session cookie, 0 for one that has expired
 };
 
 // The pair before the first semicolon is the cookie; of the attributes Path, Max-Age and Expires

@@ -17,16 +17,18 @@ namespace connectivity::plugins {
 
 namespace {
 
-constexpr char substitute = '\x1A';  // what ICU puts for a character that it cannot convert
-
 struct Free {
   void operator()(char* block) const noexcept { std::free(block); }
 };
 
+bool isAscii(char c) noexcept { return static_cast<unsigned char>(c) < 0x80; }
+
 bool isAscii(const std::string& text) noexcept {
-  return std::all_of(text.begin(), text.end(),
-                     [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+  return std::all_of(text.begin(), text.end(), [](char c) { return isAscii(c); });
 }
+
+// The second byte of a character of two, in UTF-8.
+bool isContinuation(char c) noexcept { return (static_cast<unsigned char>(c) & 0xC0U) == 0x80; }
 
 // ICU keeps the tables that it makes until the process ends. Were it unloaded together with the
 // transport, each load of the transport would leak them; so it stays.
@@ -80,22 +82,48 @@ std::string convertFromISO88591(const std::string& text) {
   return convertFromCharset(text, "iso8859-1");
 }
 
-std::optional<std::string> tryHeaderToWire(const std::string& text) {
-  if (text.find('\0') != std::string::npos) return std::nullopt;
-  if (isAscii(text)) return text;
-  std::string wire = convertToISO88591(text);
-  const bool substituted = std::count(wire.begin(), wire.end(), substitute) !=
-                           std::count(text.begin(), text.end(), substitute);
-  if (substituted) return std::nullopt;
+// Not by ICU, which leaves out what it holds for ignorable (U+200B, U+FEFF, U+FE0F, ...) and says
+// nothing. A character up to U+00FF has one byte in UTF-8, or two that begin with C2 or C3.
+std::optional<std::string> tryHeaderToWire(std::string_view text) {
+  std::string wire;
+  wire.reserve(text.size());
+  for (std::size_t at = 0; at < text.size(); ++at) {
+    const char c = text[at];
+    if (c == '\0') return std::nullopt;
+    if (isAscii(c)) {
+      wire.push_back(c);
+      continue;
+    }
+    const bool isLead = c == '\xC2' || c == '\xC3';
+    if (!isLead || ++at == text.size() || !isContinuation(text[at])) return std::nullopt;
+    wire.push_back(c == '\xC2' ? text[at] : static_cast<char>(text[at] + 0x40));
+  }
   return wire;
 }
 
-std::string headerToWire(const std::string& text, const std::string& item) {
+std::string headerToWire(std::string_view text, const std::string& item) {
   std::optional<std::string> wire = tryHeaderToWire(text);
   if (!wire) throw std::runtime_error(item + " holds a character that ISO-8859-1 lacks");
   return *std::move(wire);
 }
 
 std::string headerFromWire(const std::string& text) { return convertFromISO88591(text); }
+
+std::string shownFromWire(std::string_view bytes) {
+  std::string text;
+  text.reserve(bytes.size());
+  for (const char c : bytes) {
+    if (c == '\0') {
+      text += "\\x00";
+    } else if (isAscii(c)) {
+      text.push_back(c);
+    } else {
+      const auto byte = static_cast<unsigned char>(c);
+      text.push_back(byte < 0xC0 ? '\xC2' : '\xC3');
+      text.push_back(static_cast<char>(0x80U | (byte & 0x3FU)));
+    }
+  }
+  return text;
+}
 
 }  // namespace connectivity::plugins

@@ -1,11 +1,13 @@
 // Conversion of texts between character sets, by ICU; for headers between UTF-8, which the host
 // speaks, and ISO-8859-1, which goes over the wire.
 //
-// Every function may be called from any thread. Texts end at their first NUL.
+// Every function may be called from any thread. Texts end at their first NUL, save those given as a
+// std::string_view.
 #pragma once
 
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace connectivity::plugins {
 
@@ -23,12 +25,17 @@ std::string convertFromISO88591(const std::string& text);
 // From `charset` to UTF-8.
 std::string convertFromCharset(const std::string& text, const std::string& charset);
 
-// A header name or value for the wire; nothing where it holds a NUL, malformed UTF-8 or a character
-// that ISO-8859-1 lacks.
-std::optional<std::string> tryHeaderToWire(const std::string& text);
+// A header name or value for the wire, one byte for each character; nothing where it holds a NUL,
+// malformed UTF-8 or a character beyond U+00FF, be it one that shows nothing (U+200B, U+FEFF).
+std::optional<std::string> tryHeaderToWire(std::string_view text);
 // The same, but throws std::runtime_error "<item> holds a character that ISO-8859-1 lacks".
-std::string headerToWire(const std::string& text, const std::string& item = "A header");
+std::string headerToWire(std::string_view text, const std::string& item = "A header");
 // A header name or value from the wire, in UTF-8.
 std::string headerFromWire(const std::string& text);
+
+// Any bytes of a peer, for an error's text: valid UTF-8 without a NUL. They are read as ISO-8859-1,
+// and a NUL is written out: "caf\xE9\0" -> "café\x00". Other control characters stay; who writes
+// the text to a log or a terminal escapes them.
+std::string shownFromWire(std::string_view bytes);
 
 }  // namespace connectivity::plugins

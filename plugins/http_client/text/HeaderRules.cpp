@@ -3,16 +3,20 @@
 #include <algorithm>
 #include <array>
 
+#include "plugins/http_client/text/Ascii.hpp"
+
 namespace connectivity::plugins {
 
 namespace {
 
 using namespace std::string_view_literals;
 
-char lower(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+bool isAsciiControl(char c) noexcept { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
 
-bool isAlphanumeric(char c) noexcept {
-  return (c >= '0' && c <= '9') || (lower(c) >= 'a' && lower(c) <= 'z');
+// C1 is C2 80 to C2 9F in UTF-8, and C2 begins nothing but characters of two bytes.
+bool isC1(char lead, char next) noexcept {
+  const auto byte = static_cast<unsigned char>(next);
+  return lead == '\xC2' && byte >= 0x80 && byte <= 0x9F;
 }
 
 bool isTokenCharacter(char c) noexcept {
@@ -26,42 +30,38 @@ bool isOneOf(std::string_view name, const std::array<std::string_view, count>& n
 
 }  // namespace
 
-std::string lowerCased(std::string_view text) {
-  std::string result(text);
-  std::transform(result.begin(), result.end(), result.begin(), lower);
-  return result;
-}
-
 bool isToken(std::string_view text) noexcept {
   return !text.empty() && std::all_of(text.begin(), text.end(), isTokenCharacter);
 }
 
 bool hasControlCharacter(std::string_view text, Tab tab) noexcept {
-  return std::any_of(text.begin(), text.end(), [tab](char c) {
-    const auto byte = static_cast<unsigned char>(c);
-    return (byte < 0x20 || byte == 0x7F) && !(tab == Tab::Allowed && c == '\t');
-  });
+  const auto refused = [tab](char c) {
+    return isAsciiControl(c) && !(tab == Tab::Allowed && c == '\t');
+  };
+  return std::any_of(text.begin(), text.end(), refused) ||
+         std::adjacent_find(text.begin(), text.end(), isC1) != text.end();
+}
+
+bool hasAsciiControlCharacter(std::string_view text) noexcept {
+  return std::any_of(text.begin(), text.end(), isAsciiControl);
 }
 
 bool belongsToTransport(std::string_view lowerCaseName) noexcept {
-  static constexpr std::array names{"content-length"sv, "transfer-encoding"sv, "connection"sv,
-                                    "expect"sv,         "upgrade"sv,           "te"sv,
-                                    "trailer"sv};
+  static constexpr std::array names{
+      "content-length"sv, "transfer-encoding"sv, "connection"sv, "proxy-connection"sv,
+      "expect"sv,         "upgrade"sv,           "te"sv,         "trailer"sv};
   return isOneOf(lowerCaseName, names);
 }
 
 bool isSecret(std::string_view headerName) noexcept {
   static constexpr std::array names{"authorization"sv, "proxy-authorization"sv, "cookie"sv};
-  const auto equal = [headerName](std::string_view name) {
-    return std::equal(name.begin(), name.end(), headerName.begin(), headerName.end(),
-                      [](char a, char b) { return a == lower(b); });
-  };
-  return std::any_of(names.begin(), names.end(), equal);
+  return std::any_of(names.begin(), names.end(), [headerName](std::string_view name) {
+    return equalsIgnoringCase(name, headerName);
+  });
 }
 
 bool isForConfiguredServerOnly(std::string_view lowerCaseName) noexcept {
-  static constexpr std::array names{"authorization"sv, "proxy-authorization"sv, "cookie"sv,
-                                    "host"sv};
+  static constexpr std::array names{"authorization"sv, "cookie"sv, "host"sv};
   return isOneOf(lowerCaseName, names);
 }
 

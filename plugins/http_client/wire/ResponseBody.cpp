@@ -137,6 +137,10 @@ std::size_t BodyBuffer::received(Receive&& receive) {
     _failure = failure.displayText();
     _state = State::Failed;
     throw;
+  } catch (const std::exception& failure) {
+    _failure = failure.what();
+    _state = State::Failed;
+    throw;
   }
   if (_framing == Framing::UntilClose) {
     _state = State::Complete;
@@ -150,15 +154,15 @@ bool BodyBuffer::nextChunk() {
   if (_chunkEndExpected) {
     const auto end = peekLine(2);
     if (!end) return false;
-    if (!end->empty()) return breakOff("A chunk of the response is longer than its size");
-    _input.consume(2);
+    if (!end->text.empty()) return breakOff("A chunk of the response is longer than its size");
+    _input.consume(end->size);
     _chunkEndExpected = false;
   }
   const auto line = peekLine(maxChunkLine);
   if (!line) return false;
-  const auto size = chunkSize(*line);
+  const auto size = chunkSize(line->text);
   if (!size) return breakOff("A chunk of the response has a malformed size");
-  _input.consume(line->size() + 2);
+  _input.consume(line->size);
   if (*size == 0) return readTrailers();
   _remaining = *size;
   _chunkEndExpected = true;
@@ -170,27 +174,24 @@ bool BodyBuffer::readTrailers() {
   for (std::size_t left = maxTrailers;;) {
     const auto line = peekLine(left);
     if (!line) return false;
-    const std::size_t size = line->size() + 2;
-    const bool last = line->empty();
-    _input.consume(size);
+    const bool last = line->text.empty();
+    _input.consume(line->size);
     if (last) break;
-    left -= size;
+    left -= line->size;
   }
   _state = State::Complete;
   return false;
 }
 
-// The next line of the chunks' framing without its CR LF, at most `bound` bytes with them. It stays
-// in the input. Nothing where the body is broken off.
-std::optional<std::string_view> BodyBuffer::peekLine(std::size_t bound) {
+// The next line of the chunks' framing, at most `bound` bytes with its end. It stays in the input.
+// Nothing where the body is broken off.
+std::optional<HeadLine> BodyBuffer::peekLine(std::size_t bound) {
   std::size_t searched = 0;
   for (;;) {
     const std::string_view held = _input.view().substr(0, bound);
-    const std::size_t end = held.find('\n', searched);
-    if (end != std::string_view::npos && end > 0 && held[end - 1] == '\r') {
-      return held.substr(0, end - 1);
-    }
-    if (end != std::string_view::npos || held.size() == bound) {
+    const HeadLine line = nextHeadLine(held, searched);
+    if (line.state == HeadLine::State::Whole) return line;
+    if (line.state == HeadLine::State::Malformed || held.size() == bound) {
       breakOff("The response's chunks are malformed");
       return std::nullopt;
     }
@@ -206,18 +207,13 @@ bool BodyBuffer::breakOff(const char* reason) {
   return false;
 }
 
-bool BodyBuffer::drain(std::size_t bound) {
+std::size_t BodyBuffer::skipSome() {
   settle();
-  while (more()) {
-    if (_input.empty() && (bound == 0 || !fillInput())) break;
-    const auto held = std::min(_remaining, static_cast<std::int64_t>(_input.size()));
-    const std::size_t count = std::min(bound, static_cast<std::size_t>(held));
-    if (count == 0) break;
-    _input.consume(count);
-    taken(count);
-    bound -= count;
-  }
-  return complete();
+  if (!more() || (_input.empty() && !fillInput())) return 0;
+  const auto held = std::min(_remaining, static_cast<std::int64_t>(_input.size()));
+  _input.consume(static_cast<std::size_t>(held));
+  taken(static_cast<std::size_t>(held));
+  return static_cast<std::size_t>(held);
 }
 
 void ResponseBody::begin(Framing framing, std::int64_t length) {
@@ -226,11 +222,11 @@ void ResponseBody::begin(Framing framing, std::int64_t length) {
   _buffer.begin(framing, length);
 }
 
-bool ResponseBody::drain(std::size_t bound) noexcept {
+std::size_t ResponseBody::skipSome() noexcept {
   try {
-    return _buffer.drain(bound);
+    return _buffer.skipSome();
   } catch (...) {
-    return false;  // failure() has the reason
+    return 0;  // failure() has the reason
   }
 }
 

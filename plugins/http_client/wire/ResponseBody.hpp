@@ -16,12 +16,11 @@
 #include <string>
 #include <string_view>
 
+#include "plugins/http_client/wire/Framing.hpp"
+#include "plugins/http_client/wire/HeadReader.hpp"
 #include "plugins/http_client/wire/InputBuffer.hpp"
 
 namespace connectivity::plugins {
-
-// How a body's end is found (RFC 9112, 6.3).
-enum class Framing { None, Length, Chunked, UntilClose };
 
 class BodyBuffer final : public std::streambuf {
  public:
@@ -32,7 +31,10 @@ class BodyBuffer final : public std::streambuf {
   void abandon() noexcept;
   bool complete() const noexcept;
   bool cutShort() const noexcept { return _state == State::CutShort; }
-  bool drain(std::size_t bound);
+  std::size_t skipSome();
+  std::int64_t announcedRest() const noexcept {
+    return _framing == Framing::Length ? _remaining : 0;
+  }
   const std::string& failure() const noexcept { return _failure; }
   // Ends the get area, which lies over the input: what was used of it leaves the input.
   void settle() noexcept;
@@ -53,7 +55,7 @@ class BodyBuffer final : public std::streambuf {
   std::size_t received(Receive&& receive);
   bool nextChunk();
   bool readTrailers();
-  std::optional<std::string_view> peekLine(std::size_t bound);
+  std::optional<HeadLine> peekLine(std::size_t bound);
   bool breakOff(const char* reason);
 
   InputBuffer& _input;
@@ -83,8 +85,10 @@ class ResponseBody final : public std::istream {
   bool cutShort() const noexcept { return _buffer.cutShort(); }
   // No body can come: HEAD, 1xx, 204, 304, or a length of 0.
   bool announcedEmpty() const noexcept { return _announcedEmpty; }
-  // Consumes what is left, up to `bound` bytes. True when the message is complete after that.
-  bool drain(std::size_t bound) noexcept;
+  // Waits for bytes, consumes them and says how many; 0 where the body has ended, or has failed.
+  std::size_t skipSome() noexcept;
+  // Bytes that are announced to come, where a length was announced; else 0. REQUIRES: settle().
+  std::int64_t announcedRest() const noexcept { return _buffer.announcedRest(); }
   // Why the body was cut short, or what made the stream bad; else empty.
   const std::string& failure() const noexcept { return _buffer.failure(); }
 

@@ -1,36 +1,84 @@
-// The head of a response: the status line and the header fields.
+// The head of a response: its status line and header fields, as bytes, just as they were sent.
+//
+// Names keep their case and values their bytes; nothing is decoded. The views that it gives hold
+// until it is changed. Belongs to one thread.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-
-#include <Poco/Net/HTTPResponse.h>
-
-#include "plugins/http_client/wire/InputBuffer.hpp"
-#include "plugins/http_client/wire/ResponseBody.hpp"
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 namespace connectivity::plugins {
 
-// A head of more bytes than this is refused.
-constexpr std::size_t maxResponseHead = 262144;
+class ResponseHead {
+ public:
+  struct Field {
+    std::string_view name;
+    std::string_view value;  // without blanks and tabs around it
+  };
+  class Iterator {
+   public:
+    Iterator(const ResponseHead& head, std::size_t index) noexcept : _head(head), _index(index) {}
+    Field operator*() const noexcept { return _head.field(_index); }
+    Iterator& operator++() noexcept {
+      ++_index;
+      return *this;
+    }
+    bool operator!=(const Iterator& other) const noexcept { return _index != other._index; }
 
-// Reads the head of the final response and leaves `input` at the body's first byte. Interim
-// responses (1xx, except 101, which ends HTTP on the connection) are read past. Throws
-// Poco::Net::NoMessageException where the peer closed before the first byte,
-// Poco::Net::MessageException with a text for anything that is not a response head, and what the
-// connection throws.
-void readResponseHead(InputBuffer& input, Poco::Net::HTTPResponse& response);
+   private:
+    const ResponseHead& _head;
+    std::size_t _index;
+  };
 
-// How the body of `response` is framed; `length` is its length under Framing::Length.
-struct BodyFraming {
-  Framing framing = Framing::None;
-  std::int64_t length = 0;
+  // 100 to 999; 0 before there is one.
+  int status() const noexcept { return _status; }
+  // The digit behind "HTTP/1.".
+  int minorVersion() const noexcept { return _minorVersion; }
+  std::string_view reason() const noexcept { return view(_reason); }
+
+  // The fields in the order in which they were sent.
+  Iterator begin() const noexcept { return {*this, 0}; }
+  Iterator end() const noexcept { return {*this, _fields.size()}; }
+  std::size_t fieldCount() const noexcept { return _fields.size(); }
+  Field field(std::size_t index) const noexcept {
+    return {view(_fields[index].name), view(_fields[index].value)};
+  }
+  // The value of the first field of this name, in whatever case.
+  std::optional<std::string_view> find(std::string_view name) const noexcept;
+  // The values of all fields of this name, in their order.
+  std::vector<std::string_view> findAll(std::string_view name) const;
+
+  // For whoever reads a head off the wire.
+  void clear() noexcept;
+  void setStatus(int minorVersion, int status, std::string_view reason);
+  void addField(std::string_view name, std::string_view value);
+  // Joins `more` to the last field's value by one space. REQUIRES: there is a field.
+  void continueField(std::string_view more);
+
+ private:
+  struct Span {
+    std::uint32_t begin = 0;
+    std::uint32_t size = 0;
+  };
+
+  std::string_view view(Span span) const noexcept {
+    return std::string_view(_text).substr(span.begin, span.size);
+  }
+  Span store(std::string_view text);
+
+  int _status = 0;
+  int _minorVersion = 0;
+  Span _reason;
+  struct FieldSpans {
+    Span name;
+    Span value;
+  };
+  std::vector<FieldSpans> _fields;
+  std::string _text;  // what the spans point into; reused from response to response
 };
-// Throws Poco::Net::MessageException for a malformed or contradictory Content-Length, or a
-// Transfer-Encoding other than chunked.
-BodyFraming bodyFraming(const Poco::Net::HTTPResponse& response, bool answersHead);
-
-// Whether the peer lets the connection serve another request after `response`.
-bool keepsConnection(const Poco::Net::HTTPResponse& response, const BodyFraming& body);
 
 }  // namespace connectivity::plugins

@@ -4,9 +4,15 @@
 #include <cerrno>
 #include <fcntl.h>
 #include <limits>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
 
 #include <Poco/Exception.h>
+#include <Poco/Net/NetException.h>
 #include <Poco/Net/SocketImpl.h>
 
 namespace connectivity::plugins {
@@ -18,17 +24,17 @@ struct SocketErrors : Poco::Net::SocketImpl {
   using Poco::Net::SocketImpl::error;
 };
 
-int millisecondsUntil(Deadline deadline) noexcept {
+int millisecondsUntil(TimeLimits::Deadline deadline) noexcept {
   const auto left =
-      std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      std::chrono::ceil<std::chrono::milliseconds>(deadline - TimeLimits::Clock::now());
   constexpr long long most = std::numeric_limits<int>::max();
   return static_cast<int>(std::clamp<long long>(left.count(), 0, most));
 }
 
 }  // namespace
 
-Deadline deadlineAfter(const Poco::Timespan& timeout) {
-  return std::chrono::steady_clock::now() + std::chrono::microseconds(timeout.totalMicroseconds());
+void Socket::close() noexcept {
+  if (_descriptor >= 0) ::close(std::exchange(_descriptor, -1));
 }
 
 void setBlocking(int fd, bool blocking) {
@@ -37,7 +43,29 @@ void setBlocking(int fd, bool blocking) {
   if (flags < 0 || ::fcntl(fd, F_SETFL, wanted) < 0) socketFailure(errno, "fcntl");
 }
 
-bool awaitSocket(int fd, short events, Deadline deadline) {
+void setReceiveTimeout(int fd, std::chrono::milliseconds timeout) {
+  timeval value{};
+  value.tv_sec = static_cast<decltype(value.tv_sec)>(timeout.count() / 1000);
+  value.tv_usec = static_cast<decltype(value.tv_usec)>(timeout.count() % 1000 * 1000);
+  if (::setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &value, sizeof value) != 0) {
+    socketFailure(errno, "SO_RCVTIMEO");
+  }
+}
+
+void setNoDelay(int fd) {
+  const int on = 1;
+  if (::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
+    socketFailure(errno, "TCP_NODELAY");
+  }
+}
+
+int takeSocketError(int fd) noexcept {
+  int error = 0;
+  socklen_t size = sizeof error;
+  return ::getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+bool awaitSocket(int fd, short events, TimeLimits::Deadline deadline) {
   pollfd entry{fd, events, 0};
   for (;;) {
     const int ready = ::poll(&entry, 1, millisecondsUntil(deadline));
@@ -53,22 +81,12 @@ bool isReadable(int fd) noexcept {
 }
 
 void socketFailure(int error, const std::string& text) {
+  // Poco's table drops the text of these, and with it who is to blame.
+  if (error == ECONNRESET) throw Poco::Net::ConnectionResetException(text, error);
+  if (error == ECONNABORTED) throw Poco::Net::ConnectionAbortedException(text, error);
+  if (error == EPIPE) throw Poco::IOException(text + ": broken pipe", error);
   SocketErrors::error(error, text);
   throw Poco::IOException(text, error);  // for a number that Poco's table takes for no error
-}
-
-void sendFailure(int error) {
-  if (error == EAGAIN || error == EWOULDBLOCK) {
-    throw Poco::TimeoutException("The server took no data within the time-out");
-  }
-  socketFailure(error, "sending to the server");
-}
-
-void receiveFailure(int error) {
-  if (error == EAGAIN || error == EWOULDBLOCK) {
-    throw Poco::TimeoutException("The server sent nothing within the time-out");
-  }
-  socketFailure(error, "receiving from the server");
 }
 
 }  // namespace connectivity::plugins

@@ -1,33 +1,48 @@
-// What plain and TLS connections share: waiting on a socket, and its failures as exceptions.
+// System calls on sockets: waiting for one, and their failures as exceptions.
 #pragma once
 
 #include <chrono>
 #include <string>
+#include <utility>
 
-#include <Poco/Net/StreamSocket.h>
-#include <Poco/Timespan.h>
+#include "plugins/http_client/wire/TimeLimits.hpp"
 
 namespace connectivity::plugins {
 
-using Deadline = std::chrono::steady_clock::time_point;
+// An open socket, or none; closed with its owner.
+class Socket {
+ public:
+  explicit Socket(int descriptor = -1) noexcept : _descriptor(descriptor) {}
+  Socket(Socket&& other) noexcept : _descriptor(std::exchange(other._descriptor, -1)) {}
+  Socket& operator=(Socket&& other) noexcept {
+    std::swap(_descriptor, other._descriptor);
+    return *this;
+  }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  ~Socket() { close(); }
 
-Deadline deadlineAfter(const Poco::Timespan& timeout);
+  int descriptor() const noexcept { return _descriptor; }
+  bool isOpen() const noexcept { return _descriptor >= 0; }
+  void close() noexcept;
 
-// The socket's file descriptor; -1 once it was closed.
-inline int descriptor(const Poco::Net::StreamSocket& socket) noexcept {
-  return socket.impl()->sockfd();
-}
+ private:
+  int _descriptor;
+};
 
 void setBlocking(int fd, bool blocking);
+// Each receive that waits fails with EAGAIN after this long.
+void setReceiveTimeout(int fd, std::chrono::milliseconds timeout);
+// Whatever is sent leaves at once (no Nagle's algorithm).
+void setNoDelay(int fd);
+// The failure that a connect in the background ended with; 0 for none.
+int takeSocketError(int fd) noexcept;
 // Waits for one of poll's events; false at the deadline.
-bool awaitSocket(int fd, short events, Deadline deadline);
+bool awaitSocket(int fd, short events, TimeLimits::Deadline deadline);
 // Bytes, the peer's end or a failure are waiting. Does not wait itself.
 bool isReadable(int fd) noexcept;
 
-// Throw Poco's exception for the error number: Poco::Net::ConnectionResetException and the like. A
-// time-out of a send or receive is a Poco::TimeoutException.
+// Throws Poco's exception for the error number: Poco::Net::ConnectionResetException and the like.
 [[noreturn]] void socketFailure(int error, const std::string& text);
-[[noreturn]] void sendFailure(int error);
-[[noreturn]] void receiveFailure(int error);
 
 }  // namespace connectivity::plugins

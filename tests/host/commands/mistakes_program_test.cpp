@@ -271,14 +271,16 @@ TEST_F(Mistake, WrongTypeInTheConfiguration) {
 TEST_F(Mistake, MissingFileOfAuthorities) {
   expectRefused(
       chainWith("host: localhost, tls: true, tlsCertificateAuthorityFile: " + file("ca.pem")),
-      "File not found: " + file("ca.pem") + "\n");
+      "HTTPClient configuration tlsCertificateAuthorityFile: cannot use " + file("ca.pem") +
+          ": No such file or directory\n");
 }
 
 TEST_F(Mistake, FileOfAuthoritiesThatIsNone) {
   const std::string authorities = write("ca.pem", "no certificate");
   expectRefused(
       chainWith("host: localhost, tls: true, tlsCertificateAuthorityFile: " + authorities),
-      "SSL context exception: Cannot load CA file/directory at " + authorities);
+      "HTTPClient configuration tlsCertificateAuthorityFile: cannot use " + authorities +
+          ": no certificate or crl found\n");
 }
 
 // --- Input and output ----------------------------------------------------------------------------

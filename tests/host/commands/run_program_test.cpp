@@ -1,5 +1,6 @@
 // orrery-host run: from lines to answers.
 #include <algorithm>
+#include <cstdio>
 #include <fcntl.h>
 #include <string>
 #include <thread>
@@ -168,6 +169,27 @@ TEST(Run, AnswersManyRequestsThroughAQueueThatIsFullMostOfTheTime) {
   EXPECT_EQ(std::count(output.begin(), output.end(), '\n'), howMany);
   EXPECT_EQ(lastLine(output) + "\n", answer(std::to_string(howMany)));
   EXPECT_THAT(lastLine(program.errors()), HasSubstr("sent 20000, answered 20000, failed 0"));
+}
+
+// Before each further batch the reader waits for room for all of it, so that few meet a full queue:
+// those with which it tries whether there is more room by now.
+TEST(Run, WaitsForRoomForAWholeBatchOnceTheTransportHasToldThatOneWaits) {
+  const EchoChainFile chain("    config: {tellWaits: true}\n");
+  constexpr int howMany = 20000;
+  std::string input;
+  for (int i = 1; i <= howMany; ++i) input += request(std::to_string(i));
+  HostProgram program({"run", chain.path(), "--input", chain.write("in", input)});
+  EXPECT_EQ(program.finish(), 0);
+  EXPECT_THAT(lastLine(program.errors()), HasSubstr("sent 20000, answered 20000, failed 0"));
+  int waited = -1;
+  int batches = 0;
+  const std::string errors = program.errors();
+  const auto line = errors.find("[echo] ");
+  ASSERT_NE(line, std::string::npos) << errors;
+  ASSERT_EQ(std::sscanf(errors.c_str() + line, "[echo] %d of %d batches waited", &waited, &batches),
+            2);
+  EXPECT_GE(batches, howMany / 128);
+  EXPECT_LE(waited, batches / 8);
 }
 
 TEST(Run, AnOutputPipeWithoutReaderEndsTheRunWithAnError) {

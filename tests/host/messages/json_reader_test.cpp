@@ -7,7 +7,7 @@
 #include "connectivity/value_access.hpp"
 #include "host/messages/JsonReader.hpp"
 #include "host/messages/JsonWriter.hpp"
-#include "host/runtime/Decimal.hpp"
+#include "orrery/runtime/Decimal.hpp"
 
 namespace host {
 namespace {
@@ -181,7 +181,7 @@ TEST(JsonReader, RefusesOtherNumberDoubles) {
 
 TEST(JsonReader, ReadsNumberDecimalWithItsQuantum) {
   const data_t value = read(R"({"$numberDecimal": "1.50"})");
-  EXPECT_EQ(decimalToText(get<decimal_t>(value).bits), "1.50");
+  EXPECT_EQ(runtime::decimalToText(get<decimal_t>(value).bits), "1.50");
 }
 
 TEST(JsonReader, RefusesADecimalOfMoreThan16DigitsAndOtherText) {

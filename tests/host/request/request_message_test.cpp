@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "connectivity/value_access.hpp"
-#include "host/commands/UsageError.hpp"
 #include "host/messages/JsonWriter.hpp"
+#include "host/program/UsageError.hpp"
 #include "host/request/RequestFields.hpp"
 #include "host/request/RequestMessage.hpp"
 #include "tests/support/TemporaryDirectory.hpp"

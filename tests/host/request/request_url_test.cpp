@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "host/commands/UsageError.hpp"
+#include "host/program/UsageError.hpp"
 #include "host/request/RequestUrl.hpp"
 
 namespace host {

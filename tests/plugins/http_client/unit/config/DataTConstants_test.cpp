@@ -10,7 +10,7 @@ namespace {
 
 TEST(DataTConstants, HoldTheTextsOfRequestsAndResponses) {
   const DataTConstants constants;
-  const std::array<std::pair<const Constant*, const char*>, 22> expected{{
+  const std::array<std::pair<const Constant*, const char*>, 24> expected{{
       {&constants.charset, "charset"},
       {&constants.contentType, "contentType"},
       {&constants.cookies, "cookies"},
@@ -29,6 +29,8 @@ TEST(DataTConstants, HoldTheTextsOfRequestsAndResponses) {
       {&constants.requestSentTime, "requestSentTime"},
       {&constants.maxResponseKB, "maxResponseKB"},
       {&constants.maxResponsePolicy, "maxResponsePolicy"},
+      {&constants.deadlineSecs, "deadlineSecs"},
+      {&constants.failure, "failure"},
       {&constants.controlType, "qor.control.type"},
       {&constants.controlObject, "qor.controlObject"},
       {&constants.concurrencyControlKey, "concurrencyControlKey"},

@@ -366,6 +366,72 @@ TEST(AffinityQueue, NeverCallsItsLoggerUnderItsMutex) {
   EXPECT_EQ(queue.size(), Queue::capacity - 1);
 }
 
+TEST(AffinityQueue, TellsABatchThatItWaitsAndNeverUnderItsMutex) {
+  const StubLogger logger;
+  Queue queue(1, logger);
+  pushMany(queue, capacity);
+  std::vector<std::pair<bool, std::uint32_t>> told;
+  Event waits("the batch to wait");
+  Threads threads;
+  threads.run([&] {
+    Queue::LockPushBatch batch(queue, nullptr, [&](bool waiting) {
+      told.emplace_back(waiting, queue.size());  // would deadlock
+      waits.set();
+    });
+    EXPECT_TRUE(queue.enqueue(batch, value(1), false));
+    EXPECT_EQ(told.size(), 2U);  // before it is closed
+  });
+  waits.wait();
+  takeMany(queue, 1);
+  threads.join();
+  EXPECT_EQ(told, (decltype(told){{true, Queue::capacity}, {false, Queue::capacity}}));
+}
+
+TEST(AffinityQueue, TellsARowThatItWaits) {
+  const StubLogger logger;
+  Queue queue(2, logger);
+  pushMany(queue, capacity);
+  std::vector<bool> told;
+  Event waits("the batch to wait");
+  Threads threads;
+  threads.run([&] {
+    Queue::LockPushBatch batch(queue, nullptr, [&](bool waiting) {
+      told.push_back(waiting);
+      waits.set();
+    });
+    EXPECT_TRUE(queue.enqueueOnEachLane(batch, 2, false, [] { return value(1); }));
+    EXPECT_EQ(told, (std::vector<bool>{true, false}));
+    EXPECT_TRUE(queue.enqueue(batch, value(1), true));
+  });
+  waits.wait();
+  takeMany(queue, 1);
+  threads.join();
+  EXPECT_EQ(told, (std::vector<bool>{true, false}));
+}
+
+// Its logger throws when it is to report that the queue is full once more.
+TEST(AffinityQueue, TellsABatchThatItsWaitHasEndedAlsoByAnException) {
+  StubLogger logger;
+  Queue queue(1, logger);
+  pushMany(queue, capacity);
+  std::vector<bool> told;
+  Threads threads;
+  threads.run([&] {
+    Queue::LockPushBatch batch(queue, nullptr, [&](bool waiting) {
+      told.push_back(waiting);
+      if (!waiting) return;
+      // The queue shrinks below the mark and fills up again before the batch looks.
+      logger.whenCalled = [] { throw std::runtime_error("no log"); };
+      takeMany(queue, capacity);
+      push(queue, 1);
+      pushMany(queue, capacity);
+    });
+    EXPECT_THROW(queue.enqueue(batch, value(1), false), std::runtime_error);
+  });
+  threads.join();
+  EXPECT_EQ(told, (std::vector<bool>{true, false}));
+}
+
 TEST(AffinityQueue, LeavesAValueWithAProducerWhoseBatchIsAbandonedWhileItWaits) {
   const StubLogger logger;
   Queue queue(1, logger);

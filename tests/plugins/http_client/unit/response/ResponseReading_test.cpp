@@ -129,42 +129,6 @@ class Exchange {
 
 // --- the character set --------------------------------------------------------------------------
 
-std::string charsetOf(const std::string& contentType) {
-  Poco::Net::HTTPResponse response;
-  response.set("Content-Type", contentType);
-  return trimmingCharset(response);
-}
-
-TEST(ResponseCharset, IsUtf8WithoutAContentType) {
-  EXPECT_EQ(trimmingCharset(Poco::Net::HTTPResponse()), "utf-8");
-}
-
-TEST(ResponseCharset, IsTheLowerCasedRestBehindTheLastCharset) {
-  EXPECT_EQ(charsetOf("text/plain; charset=UTF-8"), "utf-8");
-  EXPECT_EQ(charsetOf("text/plain; CHARSET=ISO-8859-1"), "iso-8859-1");
-  EXPECT_EQ(charsetOf("text/plain; charset=a; charset=b"), "b");
-  EXPECT_EQ(charsetOf("text/plain; charset=utf-8; format=flowed"), "utf-8; format=flowed");
-  EXPECT_EQ(charsetOf("text/plain; charset=\"utf-8\""), "\"utf-8\"");
-}
-
-// A position that was not found is used as if it had been.
-TEST(ResponseCharset, WithoutOneIsTheContentTypeFromItsEighthByte) {
-  EXPECT_EQ(charsetOf("application/json"), "tion/json");
-  EXPECT_EQ(charsetOf("Text/Plain"), "ain");
-  EXPECT_EQ(charsetOf("a/bcdef"), "");
-}
-
-TEST(ResponseCharset, OfAShortContentTypeIsOutOfRange) {
-  for (const char* contentType : {"", "a/b", "text/x"}) {
-    try {
-      charsetOf(contentType);
-      FAIL() << contentType;
-    } catch (const std::out_of_range& failure) {
-      EXPECT_STREQ(failure.what(), "basic_string::substr");
-    }
-  }
-}
-
 TEST(ResponseReading, CharsetSwitchesTheTrimmingOfCutCharacters) {
   const std::string text = std::string(998, 'x') + "\xC3\xA4" + "more";
   const auto deliver = [&](const std::string& contentType) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -28,11 +29,22 @@ using namespace std::chrono_literals;
 
 using Texts = std::map<std::string, std::string>;
 
-Poco::Net::HTTPResponse responseWith(const std::vector<std::string>& lines) {
-  Poco::Net::HTTPResponse response;
-  response.set("Content-Type", "text/plain");
-  for (const std::string& line : lines) response.add("Set-Cookie", line);
-  return response;
+using Pairs = std::vector<std::pair<std::string, std::string>>;
+using Values = std::vector<std::string_view>;
+
+Values valuesOf(const std::vector<std::string>& lines) { return {lines.begin(), lines.end()}; }
+
+// "a=1; b=2" as its pairs.
+Pairs pairsOf(std::string_view line) {
+  constexpr std::string_view separator = "; ";
+  Pairs pairs;
+  while (!line.empty()) {
+    const std::string_view pair = line.substr(0, line.find(separator));
+    const std::size_t equals = pair.find('=');
+    pairs.emplace_back(pair.substr(0, equals), pair.substr(equals + 1));
+    line.remove_prefix(std::min(pair.size() + separator.size(), line.size()));
+  }
+  return pairs;
 }
 
 Texts textsOf(const map_t& map) {
@@ -52,15 +64,16 @@ class CookieJar : public testing::Test {
   CookieJar() { elapsed = 0s; }
 
   Texts set(const std::vector<std::string>& lines) {
-    return textsOf(_cookies.setCookiesFromResponse(responseWith(lines)));
+    return textsOf(_cookies.setCookiesFromResponse(valuesOf(lines)));
   }
   void store(const std::vector<std::string>& lines) {
-    _cookies.storeCookiesFromResponse(responseWith(lines));
+    _cookies.storeCookiesFromResponse(valuesOf(lines));
   }
-  std::vector<std::pair<std::string, std::string>> sent(const std::string& path = "/",
-                                                        const Texts& own = {}) {
-    const auto collection = _cookies.getCookiesFromRequest(own, path);
-    return {collection.begin(), collection.end()};
+  Pairs sent(const std::string& path = "/", const Texts& own = {}) {
+    return pairsOf(_cookies.getCookiesFromRequest(own, "", path));
+  }
+  std::string line(const std::string& userHeader, const Texts& own = {}) {
+    return _cookies.getCookiesFromRequest(own, userHeader, "/");
   }
   const LogDouble& log() const { return _log; }
   Cookies& cookies() { return _cookies; }
@@ -224,13 +237,157 @@ TEST_F(CookieJar, CookieWithAControlOrNonAsciiCharacterIsReportedAndSkipped) {
   EXPECT_FALSE(log().contains("secret"));
 }
 
-TEST_F(CookieJar, HeaderNameCountsInAnyCase) {
-  Poco::Net::HTTPResponse response;
-  response.add("set-cookie", "a=1");
-  response.add("SET-COOKIE", "b=2");
-  response.add("Set-Cookie2", "c=3");
-  cookies().setCookiesFromResponse(response);
-  EXPECT_THAT(sent(), UnorderedElementsAre(Pair("a", "1"), Pair("b", "2")));
+// --- the line -----------------------------------------------------------------------------------
+
+TEST_F(CookieJar, LineBeginsWithTheUsersHeaderThenTheRequestsCookiesThenTheJar) {
+  set({"jar=3"});
+  EXPECT_EQ(line("user=1", {{"own", "2"}}), "user=1; own=2; jar=3");
+  EXPECT_EQ(line("", {{"own", "2"}}), "own=2; jar=3");
+  EXPECT_EQ(line("user=1"), "user=1; jar=3");
+  EXPECT_EQ(line(""), "jar=3");
+}
+
+TEST_F(CookieJar, LineIsEmptyWhereThereIsNothingToSend) {
+  EXPECT_EQ(line(""), "");
+  EXPECT_EQ(line(" ; ;"), "");
+}
+
+TEST_F(CookieJar, CookieInTheUsersHeaderWinsOverTheStoredOne) {
+  set({"sid=stored", "other=x"});
+  EXPECT_EQ(line("sid=user"), "sid=user; other=x");
+  EXPECT_EQ(line("a=b;sid =user"), "a=b;sid =user; other=x");
+}
+
+TEST_F(CookieJar, RequestsOwnCookieWinsOverTheOneInTheUsersHeader) {
+  set({"sid=stored"});
+  EXPECT_EQ(line("sid=user", {{"sid", "own"}}), "sid=own");
+  EXPECT_EQ(line("a=1; sid=user; b=2", {{"sid", "own"}}), "a=1; b=2; sid=own");
+  EXPECT_EQ(line("sid=user; a=1;sid=again", {{"sid", "own"}}), "a=1; sid=own");
+  EXPECT_EQ(line("a=1;\tsid\t=user", {{"sid", "own"}}), "a=1; sid=own");
+}
+
+TEST_F(CookieJar, RestOfTheUsersHeaderStaysAsItIs) {
+  EXPECT_EQ(line("a=\"x;y\";b=1;  c", {{"own", "2"}}), "a=\"x;y\";b=1;  c; own=2");
+  EXPECT_EQ(line("a=1;", {{"own", "2"}}), "a=1; own=2");
+  EXPECT_EQ(line("x=a=b", {{"a", "2"}}), "x=a=b; a=2");
+}
+
+TEST_F(CookieJar, TextWithoutAnEqualsSignInTheUsersHeaderNamesNoCookie) {
+  set({"sid=stored"});
+  EXPECT_EQ(line("sid"), "sid; sid=stored");
+  EXPECT_EQ(line("own", {{"own", "2"}}), "own; own=2; sid=stored");
+}
+
+TEST_F(CookieJar, NamesInTheUsersHeaderCountWithTheirCase) {
+  set({"sid=stored"});
+  EXPECT_EQ(line("SID=user", {{"Sid", "own"}}), "SID=user; Sid=own; sid=stored");
+  EXPECT_EQ(line("SID=user", {{"sid", "own"}}), "SID=user; sid=own");
+}
+
+// --- bounds -------------------------------------------------------------------------------------
+
+// A cookie of so many bytes, name and value together.
+std::string cookieOf(const std::string& name, std::size_t bytes) {
+  return name + "=" + std::string(bytes - name.size(), 'x');
+}
+
+constexpr const char* leftOutLine =
+    "Sending only the cookies set latest, because those of the jar have more than 8000 bytes; this "
+    "is reported once";
+
+TEST_F(CookieJar, SendsTheCookieSetLatestFirst) {
+  set({"a=1", "b=2", "c=3"});
+  set({"a=4"});
+  EXPECT_EQ(line(""), "a=4; c=3; b=2");
+}
+
+TEST_F(CookieJar, SendsAtMost8000BytesOfItsOwn) {
+  set({cookieOf("old", 3998), cookieOf("new", 3998)});
+  EXPECT_EQ(line("user=1", {{"own", std::string(9000, 'y')}}).size(),
+            std::string("user=1; own=").size() + 9000 + 2 + 8000);
+  EXPECT_FALSE(log().contains("Sending only"));
+  set({cookieOf("old", 3999)});
+  EXPECT_THAT(sent(), ElementsAre(Pair("old", testing::_)));
+}
+
+TEST_F(CookieJar, CookieThatDoesNotFitStaysAndLeavesItsPlaceToASmallerOne) {
+  set({"small=1", cookieOf("early", 4000), cookieOf("late", 4000)});
+  EXPECT_THAT(sent(), ElementsAre(Pair("late", testing::_), Pair("small", "1")));
+  set({"late=; Max-Age=0"});
+  EXPECT_THAT(sent(), ElementsAre(Pair("early", testing::_), Pair("small", "1")));
+}
+
+TEST_F(CookieJar, CookiesThatDoNotFitAreReportedOnce) {
+  set({cookieOf("a", 4000), cookieOf("b", 4000), cookieOf("c", 4000)});
+  sent();
+  sent();
+  EXPECT_EQ(log().count(leftOutLine), 1U);
+  EXPECT_EQ(log().find(leftOutLine)->level, QOR_LOG_WARN);
+  EXPECT_EQ(log().count("Sending"), 1U);
+}
+
+TEST_F(CookieJar, CookieOfAnotherPathTakesNoneOfTheBytesSent) {
+  set({"here=1", cookieOf("there", 3990) + "; Path=/a", cookieOf("too", 3990) + "; Path=/a"});
+  EXPECT_THAT(sent(), ElementsAre(Pair("here", "1")));
+  EXPECT_FALSE(log().contains("Sending only"));
+}
+
+TEST_F(CookieJar, HoldsACookieOf4096BytesWithItsPath) {
+  set({cookieOf("a", 4094) + "; Path=/x"});
+  EXPECT_THAT(sent("/x"), ElementsAre(Pair("a", testing::_)));
+  set({cookieOf("b", 4096) + "; Path=nowhere"});
+  EXPECT_EQ(log().count("Ignoring"), 0U);
+}
+
+TEST_F(CookieJar, LargerCookieIsReportedAndIgnoredAndTheOneOfItsNameStays) {
+  set({"a=1"});
+  EXPECT_THAT(set({cookieOf("a", 4097)}), ElementsAre(Pair("a", testing::_))) << "for the answer";
+  store({cookieOf("a", 4095) + "; Path=/x", cookieOf("a", 5000) + "; Max-Age=0"});
+  EXPECT_THAT(sent("/x"), ElementsAre(Pair("a", "1")));
+  EXPECT_EQ(log().count("Ignoring cookie a because it has more than 4096 bytes"), 3U);
+  EXPECT_EQ(log().find("Ignoring")->level, QOR_LOG_WARN);
+}
+
+TEST_F(CookieJar, NameOfALargerCookieIsShownInPart) {
+  store({std::string(5000, 'n') + "=1"});
+  EXPECT_TRUE(log().contains("cookie " + std::string(100, 'n') + " because"));
+}
+
+std::string numbered(int number) { return "c" + std::to_string(number); }
+
+TEST_F(CookieJar, HoldsAHundredCookiesAndDropsTheOneSetLongestAgo) {
+  for (int i = 0; i < 100; ++i) store({numbered(i) + "=1"});
+  EXPECT_EQ(sent().size(), 100U);
+  store({"c50=2"});  // no further one
+  EXPECT_EQ(sent().size(), 100U);
+  store({"c0=2"});  // now c1 was set longest ago
+  store({"c100=1"});
+  const Pairs now = sent();
+  EXPECT_EQ(now.size(), 100U);
+  EXPECT_THAT(now, testing::Contains(Pair("c0", "2")));
+  EXPECT_THAT(now, testing::Not(testing::Contains(Pair("c1", "1"))));
+  EXPECT_THAT(now, testing::Contains(Pair("c2", "1")));
+}
+
+TEST_F(CookieJar, DropsExpiredCookiesBeforeAnyOther) {
+  store({"oldest=1"});
+  store({"brief1=1; Max-Age=60", "brief2=1; Max-Age=60"});
+  for (int i = 0; i < 97; ++i) store({numbered(i) + "=1"});
+  elapsed = 61s;
+  store({"further=1"});
+  elapsed = 0s;  // a walk would still send them
+  const Pairs now = sent();
+  EXPECT_EQ(now.size(), 99U);
+  EXPECT_THAT(now, testing::Contains(Pair("oldest", "1")));
+  EXPECT_THAT(now, testing::Contains(Pair("further", "1")));
+}
+
+TEST_F(CookieJar, FullJarTakesADeletionWithoutDroppingAnother) {
+  for (int i = 0; i < 100; ++i) store({numbered(i) + "=1"});
+  store({"unknown=; Max-Age=0"});
+  EXPECT_EQ(sent().size(), 100U);
+  store({"c5=; Max-Age=0"});
+  EXPECT_EQ(sent().size(), 99U);
 }
 
 // --- the other two ways in ----------------------------------------------------------------------
@@ -242,7 +399,7 @@ TEST_F(CookieJar, CookiesOfAFollowedRedirectAreStoredWithoutAMap) {
 }
 
 TEST_F(CookieJar, CookiesOfAnotherServerAreTheAnswersOnly) {
-  const map_t map = cookies().cookiesOf(responseWith({"sid=1", "old=2; Max-Age=0"}));
+  const map_t map = cookies().cookiesOf(Values{"sid=1", "old=2; Max-Age=0"});
   EXPECT_THAT(textsOf(map), ElementsAre(Pair("sid", "1")));
   EXPECT_THAT(sent(), IsEmpty());
 }
@@ -251,12 +408,13 @@ TEST(WithoutCookieJar, OnlyTheRequestsOwnCookiesAreSentButTheAnswerListsAll) {
   const LogDouble log;
   const Logger logger("connectivity.test.1");
   Cookies cookies(false, logger);
-  const map_t answer = cookies.setCookiesFromResponse(responseWith({"sid=1", "old=2; Max-Age=0"}));
+  const map_t answer = cookies.setCookiesFromResponse(Values{"sid=1", "old=2; Max-Age=0"});
   EXPECT_THAT(textsOf(answer), ElementsAre(Pair("sid", "1")));
-  cookies.storeCookiesFromResponse(responseWith({"sid=1"}));
-  const auto sent = cookies.getCookiesFromRequest({{"own", "x"}}, "/");
-  EXPECT_EQ(sent.size(), 1U);
-  EXPECT_EQ(sent.get("own"), "x");
+  cookies.storeCookiesFromResponse(Values{"sid=1"});
+  EXPECT_EQ(cookies.getCookiesFromRequest({{"own", "x"}}, "user=y", "/"), "user=y; own=x");
+  const std::string large = "large=" + std::string(5000, 'x');
+  cookies.setCookiesFromResponse(Values{large});
+  EXPECT_FALSE(log.contains("Ignoring")) << "nothing is stored that could be too large";
 }
 
 // --- the lock -----------------------------------------------------------------------------------
@@ -273,10 +431,10 @@ TEST(CookieJarLock, IsNotHeldWhileALifetimeIsReckoned) {
   const Logger logger("connectivity.test.1");
   Cookies cookies(true, logger, &interruptedTime);
   std::size_t seen = 99;
-  inBetween = [&] { seen = cookies.getCookiesFromRequest({}, "/").size(); };
-  cookies.setCookiesFromResponse(responseWith({"a=1; Max-Age=60"}));
+  inBetween = [&] { seen = pairsOf(cookies.getCookiesFromRequest({}, "", "/")).size(); };
+  cookies.setCookiesFromResponse(Values{"a=1; Max-Age=60"});
   EXPECT_EQ(seen, 0U);
-  EXPECT_EQ(cookies.getCookiesFromRequest({}, "/").size(), 1U);
+  EXPECT_EQ(pairsOf(cookies.getCookiesFromRequest({}, "", "/")).size(), 1U);
 }
 
 TEST(CookieJarLock, IsNotHeldBetweenOneCookieAndTheNext) {
@@ -284,9 +442,9 @@ TEST(CookieJarLock, IsNotHeldBetweenOneCookieAndTheNext) {
   const Logger logger("connectivity.test.1");
   Cookies cookies(true, logger, &interruptedTime);
   std::size_t seen = 99;
-  const auto look = [&] { seen = cookies.getCookiesFromRequest({}, "/").size(); };
+  const auto look = [&] { seen = pairsOf(cookies.getCookiesFromRequest({}, "", "/")).size(); };
   inBetween = [&] { inBetween = look; };
-  cookies.setCookiesFromResponse(responseWith({"a=1", "b=2"}));
+  cookies.setCookiesFromResponse(Values{"a=1", "b=2"});
   EXPECT_EQ(seen, 1U) << "the first is there when the second is read";
 }
 

@@ -24,7 +24,7 @@ SetCookie read(std::string_view line, std::chrono::system_clock::time_point now 
 }
 
 int lifetimeOf(std::string_view line, std::chrono::system_clock::time_point now = noon) {
-  return read(line, now).cookie.getMaxAge();
+  return read(line, now).maxAge;
 }
 
 // --- name and value -----------------------------------------------------------------------------
@@ -32,32 +32,32 @@ int lifetimeOf(std::string_view line, std::chrono::system_clock::time_point now 
 TEST(SetCookie, FirstPairIsTheCookie) {
   const SetCookie read = readSetCookie("sid=31d4d96e407aad42", noon);
   EXPECT_EQ(read.outcome, Outcome::Usable);
-  EXPECT_EQ(read.cookie.getName(), "sid");
-  EXPECT_EQ(read.cookie.getValue(), "31d4d96e407aad42");
-  EXPECT_EQ(read.cookie.getPath(), "");
-  EXPECT_EQ(read.cookie.getMaxAge(), -1);
+  EXPECT_EQ(read.name, "sid");
+  EXPECT_EQ(read.value, "31d4d96e407aad42");
+  EXPECT_EQ(read.path, "");
+  EXPECT_EQ(read.maxAge, -1);
 }
 
 TEST(SetCookie, ValueIsKeptAsReceived) {
-  EXPECT_EQ(read("a=b=c==; Path=/").cookie.getValue(), "b=c==");
-  EXPECT_EQ(read("a=\"quoted, text\"").cookie.getValue(), "\"quoted, text\"");
-  EXPECT_EQ(read("a={\"x\":1}").cookie.getValue(), "{\"x\":1}");
-  EXPECT_EQ(read("a=back\\slash").cookie.getValue(), "back\\slash");
-  EXPECT_EQ(read("a=%20b").cookie.getValue(), "%20b");
-  EXPECT_EQ(read("a=").cookie.getValue(), "");
+  EXPECT_EQ(read("a=b=c==; Path=/").value, "b=c==");
+  EXPECT_EQ(read("a=\"quoted, text\"").value, "\"quoted, text\"");
+  EXPECT_EQ(read("a={\"x\":1}").value, "{\"x\":1}");
+  EXPECT_EQ(read("a=back\\slash").value, "back\\slash");
+  EXPECT_EQ(read("a=%20b").value, "%20b");
+  EXPECT_EQ(read("a=").value, "");
 }
 
 TEST(SetCookie, SpaceAroundNameAndValueIsDropped) {
   const SetCookie cookie = read("  a\t =  b c  ; Path=/");
-  EXPECT_EQ(cookie.cookie.getName(), "a");
-  EXPECT_EQ(cookie.cookie.getValue(), "b c");
+  EXPECT_EQ(cookie.name, "a");
+  EXPECT_EQ(cookie.value, "b c");
 }
 
 TEST(SetCookie, NameOfAnAttributeIsAFineNameForACookie) {
-  EXPECT_EQ(read("path=/x; Path=/y").cookie.getName(), "path");
-  EXPECT_EQ(read("path=/x; Path=/y").cookie.getPath(), "/y");
-  EXPECT_EQ(read("expires=never").cookie.getValue(), "never");
-  EXPECT_EQ(read("max-age=0").cookie.getMaxAge(), -1);
+  EXPECT_EQ(read("path=/x; Path=/y").name, "path");
+  EXPECT_EQ(read("path=/x; Path=/y").path, "/y");
+  EXPECT_EQ(read("expires=never").value, "never");
+  EXPECT_EQ(read("max-age=0").maxAge, -1);
 }
 
 TEST(SetCookie, CookieWithoutANameIsTold) {
@@ -80,8 +80,8 @@ TEST(SetCookie, ControlOrNonAsciiCharacterIsTold) {
 
 TEST(SetCookie, AttributesCountWhateverTheirCase) {
   const SetCookie cookie = read("a=b; PATH=/Docs; max-AGE=60");
-  EXPECT_EQ(cookie.cookie.getPath(), "/Docs");
-  EXPECT_EQ(cookie.cookie.getMaxAge(), 60);
+  EXPECT_EQ(cookie.path, "/Docs");
+  EXPECT_EQ(cookie.maxAge, 60);
 }
 
 TEST(SetCookie, OtherAttributesChangeNothing) {
@@ -90,26 +90,26 @@ TEST(SetCookie, OtherAttributesChangeNothing) {
         "Version=1", "Comment=x", "a=z", "=", "", "new-one=1"}) {
     const SetCookie cookie = read(std::string("a=b; ") + attribute + "; Path=/x");
     EXPECT_EQ(cookie.outcome, Outcome::Usable) << attribute;
-    EXPECT_EQ(cookie.cookie.getName(), "a") << attribute;
-    EXPECT_EQ(cookie.cookie.getValue(), "b") << attribute;
-    EXPECT_EQ(cookie.cookie.getPath(), "/x") << attribute;
-    EXPECT_EQ(cookie.cookie.getMaxAge(), -1) << attribute;
+    EXPECT_EQ(cookie.name, "a") << attribute;
+    EXPECT_EQ(cookie.value, "b") << attribute;
+    EXPECT_EQ(cookie.path, "/x") << attribute;
+    EXPECT_EQ(cookie.maxAge, -1) << attribute;
   }
 }
 
 TEST(SetCookie, AttributeInQuotesIsReadWithoutThem) {
-  EXPECT_EQ(read("a=b; Path=\"/x\"; Max-Age=\"60\"").cookie.getPath(), "/x");
+  EXPECT_EQ(read("a=b; Path=\"/x\"; Max-Age=\"60\"").path, "/x");
   EXPECT_EQ(lifetimeOf("a=b; Path=\"/x\"; Max-Age=\"60\""), 60);
 }
 
 TEST(SetCookie, PathThatIsNoPathIsLeftOut) {
   for (const char* path : {"Path", "Path=", "Path=docs", "Path=\"\""}) {
-    EXPECT_EQ(read(std::string("a=b; ") + path).cookie.getPath(), "") << path;
+    EXPECT_EQ(read(std::string("a=b; ") + path).path, "") << path;
   }
 }
 
 TEST(SetCookie, LastOfOneAttributeCounts) {
-  EXPECT_EQ(read("a=b; Path=/x; Path=/y").cookie.getPath(), "/y");
+  EXPECT_EQ(read("a=b; Path=/x; Path=/y").path, "/y");
   EXPECT_EQ(lifetimeOf("a=b; Max-Age=1; Max-Age=2"), 2);
 }
 
@@ -237,10 +237,10 @@ TEST(SetCookie, LinesOfRealServersAreRead) {
   for (const Line& line : lines) {
     const SetCookie cookie = read(line.text);
     EXPECT_EQ(cookie.outcome, Outcome::Usable) << line.text;
-    EXPECT_EQ(cookie.cookie.getName(), line.name);
-    EXPECT_EQ(cookie.cookie.getValue(), line.value) << line.text;
-    EXPECT_EQ(cookie.cookie.getPath(), line.path) << line.text;
-    EXPECT_EQ(cookie.cookie.getMaxAge(), line.lifetime) << line.text;
+    EXPECT_EQ(cookie.name, line.name);
+    EXPECT_EQ(cookie.value, line.value) << line.text;
+    EXPECT_EQ(cookie.path, line.path) << line.text;
+    EXPECT_EQ(cookie.maxAge, line.lifetime) << line.text;
   }
 }
 

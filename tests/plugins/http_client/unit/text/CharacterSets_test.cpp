@@ -2,6 +2,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -113,6 +114,56 @@ TEST(HeaderText, IsRefusedWhereIso88591LacksACharacter) {
 TEST(HeaderText, IsRefusedWhereItIsNotUtf8OrHoldsANul) {
   EXPECT_FALSE(tryHeaderToWire("caf\xE9"));
   EXPECT_FALSE(tryHeaderToWire(std::string("a\0b", 3)));
+}
+
+TEST(HeaderText, HoldsEveryCharacterOfIso88591) {
+  std::string all;
+  for (int byte = 1; byte < 256; ++byte) all.push_back(static_cast<char>(byte));
+  EXPECT_EQ(tryHeaderToWire(convertFromISO88591(all)), all);
+}
+
+// In UTF-8, whatever the code point.
+std::string utf8Of(unsigned codePoint) {
+  const auto tail = [codePoint](unsigned shift) {
+    return static_cast<char>(0x80U | ((codePoint >> shift) & 0x3FU));
+  };
+  if (codePoint < 0x800) return {static_cast<char>(0xC0U | (codePoint >> 6U)), tail(0)};
+  if (codePoint < 0x10000) return {static_cast<char>(0xE0U | (codePoint >> 12U)), tail(6), tail(0)};
+  return {static_cast<char>(0xF0U | (codePoint >> 18U)), tail(12), tail(6), tail(0)};
+}
+
+// Also those that ICU leaves out in silence.
+TEST(HeaderText, IsRefusedWithAnyCharacterBeyondIso88591) {
+  for (unsigned codePoint = 0x100; codePoint <= 0x10FFFF; ++codePoint) {
+    ASSERT_FALSE(tryHeaderToWire("a" + utf8Of(codePoint) + "b")) << codePoint;
+  }
+  for (const unsigned ignorable : {0x200BU, 0xFE0FU, 0xFEFFU, 0xE0100U}) {
+    EXPECT_EQ(convertToISO88591("a" + utf8Of(ignorable)), "a") << "ICU drops " << ignorable;
+  }
+}
+
+TEST(HeaderText, IsRefusedWhereUtf8IsCutOrOverlong) {
+  for (const char* text :
+       {"\xC3", "\xC3z", "\xC3\xC3\xA9", "\xA9", "\xC0\x80", "\xC1\xBF", "\xE0\x83\xA9", "\xFF"}) {
+    EXPECT_FALSE(tryHeaderToWire(text)) << text;
+  }
+}
+
+TEST(ShownFromWire, IsUtf8WhateverThePeerSent) {
+  EXPECT_EQ(shownFromWire("caf\xE9"), "caf" + eAcute);
+  EXPECT_EQ(shownFromWire(eAcute), "\xC3\x83\xC2\xA9");
+  EXPECT_EQ(shownFromWire("a\r\n\x1B\x85"), "a\r\n\x1B\xC2\x85");
+  EXPECT_EQ(shownFromWire(""), "");
+}
+
+TEST(ShownFromWire, EveryByteButNulIsItsOwnCharacter) {
+  std::string all;
+  for (int byte = 1; byte < 256; ++byte) all.push_back(static_cast<char>(byte));
+  EXPECT_EQ(shownFromWire(all), convertFromISO88591(all));
+}
+
+TEST(ShownFromWire, NulIsWrittenOut) {
+  EXPECT_EQ(shownFromWire(std::string_view("a\0b\0", 4)), "a\\x00b\\x00");
 }
 
 // The substitute's own code is a character like any other here.

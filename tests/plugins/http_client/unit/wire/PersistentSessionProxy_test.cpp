@@ -173,7 +173,7 @@ struct Tunnelled {
   CertificateAuthority authority;
   ScriptedServer server;
   ScriptedProxy proxy;
-  TlsContexts contexts{authority.caFile(), false};
+  TlsContexts contexts{{authority.caFile(), false}};
   std::unique_ptr<PersistentSession> session;
 };
 
@@ -231,7 +231,7 @@ void expectTunnelFails(const std::string& answer) {
     peer.readHead();
     peer.send(answer);
   });
-  TlsContexts contexts(authority.caFile(), false);
+  TlsContexts contexts({authority.caFile(), false});
   const auto session = openSession("localhost", 443, contexts.contextFor("localhost"));
   configure(*session, proxyAt(proxy.port()));
   EXPECT_THROW(get(*session, "/"), Poco::IOException) << answer;
@@ -258,7 +258,7 @@ TEST(PersistentSessionProxy, ReadsPastTheProxysInterimResponses) {
         "Content-Length: 10\r\n\r\n");  // a length means nothing here
     peer.tunnelTo(server.port());
   });
-  TlsContexts contexts(authority.caFile(), false);
+  TlsContexts contexts({authority.caFile(), false});
   const auto session = openSession("localhost", 443, contexts.contextFor("localhost"));
   configure(*session, proxyAt(proxy.port()));
   EXPECT_EQ(get(*session, "/x"), "x");
@@ -270,7 +270,7 @@ TEST(PersistentSessionProxy, TheServersCertificateIsCheckedThroughATunnel) {
   CertificateAuthority authority;
   ScriptedServer server(test_support::TlsOptions{authority.issueForOtherName()});
   ScriptedProxy proxy;
-  TlsContexts contexts(authority.caFile(), false);
+  TlsContexts contexts({authority.caFile(), false});
   const auto session = openSession("localhost", static_cast<std::uint16_t>(server.port()),
                                    contexts.contextFor("localhost"));
   configure(*session, proxyAt(proxy.port()));
@@ -287,7 +287,7 @@ TEST(PersistentSessionProxy, WorksWithSquid) {
   plain.answer("/x", {200, {}, std::string(100000, 'x')});
   ScriptedServer secure(test_support::TlsOptions{authority.issue()});
   secure.answer("/x", {200, {}, std::string(100000, 'y')});
-  TlsContexts contexts(authority.caFile(), false);
+  TlsContexts contexts({authority.caFile(), false});
   const auto toPlain = openSession("127.0.0.1", static_cast<std::uint16_t>(plain.port()));
   const auto toSecure = openSession("localhost", static_cast<std::uint16_t>(secure.port()),
                                     contexts.contextFor("localhost"));

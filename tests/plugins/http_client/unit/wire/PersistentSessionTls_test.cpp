@@ -51,7 +51,7 @@ class PersistentSessionTls : public testing::Test {
     return {.certificate = authority.issue(), .version = version};
   }
   CertificateAuthority authority;
-  TlsContexts contexts{authority.caFile(), false};
+  TlsContexts contexts{{authority.caFile(), false}};
 };
 
 TEST_F(PersistentSessionTls, KeepsItsConnectionFromRequestToRequest) {
@@ -91,7 +91,7 @@ TEST_F(PersistentSessionTls, VerifiesAnAddressAsWellAsAName) {
 TEST_F(PersistentSessionTls, ACertificateOfAnUnknownAuthorityIsRefusedWithTheReason) {
   ScriptedServer server(tls());
   CertificateAuthority other("Other Authority");
-  TlsContexts contextsOfOther(other.caFile(), false);
+  TlsContexts contextsOfOther({other.caFile(), false});
   Client client(server, contextsOfOther);
   EXPECT_THAT([&] { client.get(); },
               failsWith("certificate verify failed: unable to get local issuer certificate"));
@@ -122,7 +122,7 @@ TEST_F(PersistentSessionTls, ACertificateForAnotherHostIsRefusedWithTheReason) {
 }
 
 TEST_F(PersistentSessionTls, AcceptsEveryCertificateWhereItIsToldTo) {
-  TlsContexts accepting("", true);
+  TlsContexts accepting({"", true});
   for (const auto& certificate : {authority.issueSelfSigned(), authority.issueExpired(),
                                   authority.issueForOtherName(), authority.issue()}) {
     ScriptedServer server(TlsOptions{certificate});

@@ -1,14 +1,20 @@
 #include "plugins/http_client/wire/TlsContexts.hpp"
 
+#include <array>
+#include <filesystem>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <Poco/Exception.h>
 #include <Poco/Net/SSLException.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
 #include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 
@@ -20,13 +26,15 @@ namespace connectivity::plugins {
 namespace {
 
 using Poco::Net::Context;
+using test_support::CertificateAuthority;
+using test_support::CertificateFiles;
 
 X509_VERIFY_PARAM* paramOf(const Context::Ptr& context) {
   return SSL_CTX_get0_param(context->sslContext());
 }
 
 TEST(TlsContexts, VerifyStrictlyToADepthOfNineFromTls12On) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   const Context::Ptr context = contexts.contextFor("server.test");
   EXPECT_EQ(context->usage(), Context::TLSV1_2_CLIENT_USE);
   EXPECT_EQ(static_cast<int>(context->usage()), 8);
@@ -51,8 +59,8 @@ TEST(TlsContexts, OfferTheStrongSuitesOfTls12And13Only) {
   const Context::Ptr expected =
       new Context(Context::TLSV1_2_CLIENT_USE, "", Context::VERIFY_NONE, 9, false,
                   "HIGH+TLSv1.2:!COMPLEMENTOFDEFAULT:!PSK:!aNULL:!eNULL");
-  TlsContexts strict("", false);
-  TlsContexts accepting("", true);
+  TlsContexts strict({"", false});
+  TlsContexts accepting({"", true});
   for (TlsContexts* contexts : {&strict, &accepting}) {
     const std::vector<std::string> names = cipherNamesOf(contexts->contextFor("server.test"));
     EXPECT_EQ(names, cipherNamesOf(expected));
@@ -64,7 +72,7 @@ TEST(TlsContexts, OfferTheStrongSuitesOfTls12And13Only) {
 }
 
 TEST(TlsContexts, HoldTheHostThatIsVerified) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   EXPECT_STREQ(X509_VERIFY_PARAM_get0_host(paramOf(contexts.contextFor("Server.Test.")), 0),
                "server.test");
   EXPECT_EQ(X509_VERIFY_PARAM_get0_host(paramOf(contexts.contextFor("127.0.0.1")), 0), nullptr);
@@ -74,14 +82,14 @@ TEST(TlsContexts, HoldTheHostThatIsVerified) {
 }
 
 TEST(TlsContexts, AreSharedByAllWhoVerifyTheSameHost) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   const Context::Ptr context = contexts.contextFor("server.test");
   EXPECT_EQ(context.get(), contexts.contextFor("SERVER.test").get());
   EXPECT_NE(context.get(), contexts.contextFor("other.test").get());
 }
 
 TEST(TlsContexts, LoadTheAuthoritiesOnce) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   const Context::Ptr one = contexts.contextFor("one.test");
   const Context::Ptr two = contexts.contextFor("two.test");
   EXPECT_EQ(SSL_CTX_get_cert_store(one->sslContext()), SSL_CTX_get_cert_store(two->sslContext()));
@@ -96,14 +104,14 @@ TEST(TlsContexts, TrustTheSystemsAuthoritiesAndThoseOfTheCaFile) {
   const test_support::CertificateAuthority ofTheSystem;
   const test_support::CertificateAuthority own;
   const test_support::EnvironmentVariable file("SSL_CERT_FILE", ofTheSystem.caFile());
-  TlsContexts systems("", false);
+  TlsContexts systems({"", false});
   EXPECT_EQ(authoritiesOf(systems), 1);
-  TlsContexts both(own.caFile(), false);
+  TlsContexts both({own.caFile(), false});
   EXPECT_EQ(authoritiesOf(both), 2);
 }
 
 TEST(TlsContexts, AreOneAndCheckNothingWhereEverythingIsAccepted) {
-  TlsContexts contexts("", true);
+  TlsContexts contexts({"", true});
   const Context::Ptr context = contexts.contextFor("server.test");
   EXPECT_EQ(context.get(), contexts.contextFor("other.test").get());
   EXPECT_EQ(context->verificationMode(), Context::VERIFY_NONE);
@@ -111,8 +119,8 @@ TEST(TlsContexts, AreOneAndCheckNothingWhereEverythingIsAccepted) {
 }
 
 TEST(TlsContexts, AskNoHandlerOfTheProcess) {
-  TlsContexts strict("", false);
-  TlsContexts accepting("", true);
+  TlsContexts strict({"", false});
+  TlsContexts accepting({"", true});
   for (TlsContexts* contexts : {&strict, &accepting}) {
     SSL_CTX* const context = contexts->contextFor("server.test")->sslContext();
     EXPECT_EQ(SSL_CTX_get_verify_callback(context), nullptr);
@@ -120,7 +128,7 @@ TEST(TlsContexts, AskNoHandlerOfTheProcess) {
 }
 
 TEST(TlsContexts, AreFewHoweverManyHostsAreNamed) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   const Context::Ptr first = contexts.contextFor("host0.test");
   for (int i = 1; i < 200; ++i) contexts.contextFor("host" + std::to_string(i) + ".test");
   EXPECT_STREQ(X509_VERIFY_PARAM_get0_host(paramOf(first), 0), "host0.test");
@@ -128,7 +136,7 @@ TEST(TlsContexts, AreFewHoweverManyHostsAreNamed) {
 }
 
 TEST(TlsContexts, ServeSeveralThreads) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   std::vector<const Context*> seen(8);
   std::vector<std::thread> threads;
   for (auto& slot : seen) {
@@ -138,18 +146,303 @@ TEST(TlsContexts, ServeSeveralThreads) {
   EXPECT_EQ(std::set<const Context*>(seen.begin(), seen.end()).size(), 1U);
 }
 
-TEST(TlsContexts, ReportACaFileThatIsMissingOrHoldsNoCertificate) {
-  test_support::TemporaryDirectory directory;
-  TlsContexts missing(directory.file("missing.pem"), false);
-  EXPECT_THROW(missing.contextFor("server.test"), Poco::FileNotFoundException);
-  TlsContexts empty(directory.write("empty.pem", "nothing\n"), false);
-  EXPECT_THROW(empty.contextFor("server.test"), Poco::Net::SSLContextException);
-}
-
 TEST(TlsContexts, ReportAHostThatNoCertificateCanName) {
-  TlsContexts contexts("", false);
+  TlsContexts contexts({"", false});
   EXPECT_THROW(contexts.contextFor(""), Poco::Net::SSLContextException);
   EXPECT_THROW(contexts.contextFor(std::string("a\0b", 3)), Poco::Net::SSLContextException);
+}
+
+// The context that every kind of caller gets.
+std::vector<Context::Ptr> contextsOfEveryKind(const CertificateFiles& own) {
+  std::vector<Context::Ptr> result;
+  for (const bool acceptUnrecognized : {false, true}) {
+    TlsContexts contexts({"", acceptUnrecognized, own.certificate, own.key, ""});
+    result.push_back(contexts.contextFor("server.test"));
+    result.push_back(contexts.contextForConfiguredServer("server.test"));
+  }
+  return result;
+}
+
+TEST(TlsContexts, NeverRenegotiate) {
+  CertificateAuthority authority;
+  for (const Context::Ptr& context : contextsOfEveryKind(authority.issue())) {
+    EXPECT_NE(SSL_CTX_get_options(context->sslContext()) & SSL_OP_NO_RENEGOTIATION, 0U);
+  }
+}
+
+// Without a callback OpenSSL asks on the terminal.
+TEST(TlsContexts, NeverAskForAPassphraseOnTheTerminal) {
+  CertificateAuthority authority;
+  for (const Context::Ptr& context : contextsOfEveryKind(authority.issue())) {
+    pem_password_cb* const callback = SSL_CTX_get_default_passwd_cb(context->sslContext());
+    ASSERT_NE(callback, nullptr);
+    std::array<char, 64> buffer{};
+    EXPECT_EQ(callback(buffer.data(), static_cast<int>(buffer.size()), 0,
+                       SSL_CTX_get_default_passwd_cb_userdata(context->sslContext())),
+              -1);
+  }
+}
+
+// --- the client's certificate -------------------------------------------------------------------
+
+bool showsCertificate(const Context::Ptr& context) {
+  return SSL_CTX_get0_certificate(context->sslContext()) != nullptr &&
+         SSL_CTX_get0_privatekey(context->sslContext()) != nullptr;
+}
+
+TEST(ClientCertificate, IsForTheConfiguredServerAlone) {
+  CertificateAuthority authority;
+  const CertificateFiles own = authority.issue();
+  for (const bool acceptUnrecognized : {false, true}) {
+    TlsContexts contexts({"", acceptUnrecognized, own.certificate, own.key, ""});
+    const Context::Ptr configured = contexts.contextForConfiguredServer("server.test");
+    const Context::Ptr redirected = contexts.contextFor("server.test");
+    EXPECT_TRUE(showsCertificate(configured));
+    EXPECT_FALSE(showsCertificate(redirected));
+    EXPECT_FALSE(showsCertificate(contexts.contextFor("other.test")));
+    EXPECT_NE(configured.get(), redirected.get());
+  }
+}
+
+TEST(ClientCertificate, IsNotGivenToAContextThatWasMadeBefore) {
+  CertificateAuthority authority;
+  const CertificateFiles own = authority.issue();
+  for (const bool acceptUnrecognized : {false, true}) {
+    TlsContexts contexts({"", acceptUnrecognized, own.certificate, own.key, ""});
+    const Context::Ptr before = contexts.contextFor("server.test");
+    EXPECT_TRUE(showsCertificate(contexts.contextForConfiguredServer("server.test")));
+    EXPECT_FALSE(showsCertificate(before));
+  }
+}
+
+TEST(ClientCertificate, ContextVerifiesAsEveryOther) {
+  CertificateAuthority authority;
+  const CertificateFiles own = authority.issue();
+  TlsContexts strict({"", false, own.certificate, own.key, ""});
+  const Context::Ptr context = strict.contextForConfiguredServer("Server.Test.");
+  EXPECT_EQ(SSL_CTX_get_verify_mode(context->sslContext()),
+            SSL_VERIFY_PEER | SSL_VERIFY_FAIL_IF_NO_PEER_CERT);
+  EXPECT_EQ(SSL_CTX_get_verify_callback(context->sslContext()), nullptr);
+  EXPECT_STREQ(X509_VERIFY_PARAM_get0_host(paramOf(context), 0), "server.test");
+  EXPECT_EQ(SSL_CTX_get_cert_store(context->sslContext()),
+            SSL_CTX_get_cert_store(strict.contextFor("other.test")->sslContext()));
+  TlsContexts accepting({"", true, own.certificate, own.key, ""});
+  EXPECT_EQ(accepting.contextForConfiguredServer("server.test")->verificationMode(),
+            Context::VERIFY_NONE);
+}
+
+TEST(ClientCertificate, ContextIsMadeOnceForAllWorkers) {
+  CertificateAuthority authority;
+  const CertificateFiles own = authority.issue();
+  TlsContexts contexts({"", false, own.certificate, own.key, ""});
+  const Context::Ptr context = contexts.contextForConfiguredServer("server.test");
+  for (int i = 0; i < 200; ++i) contexts.contextFor("host" + std::to_string(i) + ".test");
+  std::filesystem::remove(own.key);
+  EXPECT_EQ(contexts.contextForConfiguredServer("SERVER.test.").get(), context.get());
+}
+
+TEST(ClientCertificate, ThatIsNotConfiguredLeavesOneContextForAll) {
+  TlsContexts contexts({"", false});
+  const Context::Ptr context = contexts.contextForConfiguredServer("server.test");
+  EXPECT_EQ(context.get(), contexts.contextFor("server.test").get());
+  EXPECT_FALSE(showsCertificate(context));
+}
+
+TEST(ClientCertificate, IsShownWithItsChain) {
+  CertificateAuthority authority;
+  const CertificateFiles own = authority.issue();
+  test_support::TemporaryDirectory directory;
+  const std::string chain =
+      directory.write("chain.pem", test_support::readFile(own.certificate) +
+                                       test_support::readFile(authority.caFile()));
+  TlsContexts contexts({"", false, chain, own.key, ""});
+  STACK_OF(X509)* further = nullptr;
+  SSL_CTX_get0_chain_certs(contexts.contextForConfiguredServer("server.test")->sslContext(),
+                           &further);
+  EXPECT_EQ(sk_X509_num(further), 1);
+}
+
+// What OpenSSL holds in memory, as text.
+std::string textOf(BIO* memory) {
+  const char* text = nullptr;
+  const long length = BIO_ctrl(memory, BIO_CTRL_INFO, 0, &text);
+  return {text, static_cast<std::size_t>(length)};
+}
+
+// The key of a PEM file, encrypted.
+std::string encrypted(const std::string& keyFile, const std::string& passphrase) {
+  const std::string plain = test_support::readFile(keyFile);
+  BIO* const input = BIO_new_mem_buf(plain.data(), static_cast<int>(plain.size()));
+  EVP_PKEY* const key = PEM_read_bio_PrivateKey(input, nullptr, nullptr, nullptr);
+  BIO* const output = BIO_new(BIO_s_mem());
+  PEM_write_bio_PKCS8PrivateKey(output, key, EVP_aes_128_cbc(), passphrase.data(),
+                                static_cast<int>(passphrase.size()), nullptr, nullptr);
+  const std::string text = textOf(output);
+  BIO_free(output);
+  EVP_PKEY_free(key);
+  BIO_free(input);
+  return text;
+}
+
+// A client's certificate and its encrypted key; and how a mistake with them is reported.
+class ClientCertificateFiles : public testing::Test {
+ protected:
+  std::string errorWith(const TlsSettings& settings) const {
+    TlsContexts contexts(settings);
+    try {
+      contexts.contextForConfiguredServer("server.test");
+    } catch (const std::runtime_error& error) {
+      return error.what();
+    }
+    return "(no error)";
+  }
+  std::string errorWith(const std::string& certificate, const std::string& key,
+                        const std::string& passphrase = "") const {
+    return errorWith({"", false, certificate, key, passphrase});
+  }
+
+  CertificateAuthority authority;
+  const CertificateFiles own = authority.issue();
+  test_support::TemporaryDirectory directory;
+  const std::string encryptedKey = directory.write("encrypted.key", encrypted(own.key, "s3cret"));
+  const std::string prefix = "HTTPClient configuration ";
+};
+
+TEST_F(ClientCertificateFiles, KeyIsDecryptedWithItsPassphrase) {
+  EXPECT_EQ(errorWith(own.certificate, encryptedKey, "s3cret"), "(no error)");
+}
+
+TEST_F(ClientCertificateFiles, WrongPassphraseIsReportedAndNotShown) {
+  EXPECT_EQ(errorWith(own.certificate, encryptedKey, "wr0ng"),
+            prefix + "tlsClientKeyPassword: cannot decrypt " + encryptedKey + ": bad decrypt");
+}
+
+TEST_F(ClientCertificateFiles, MissingPassphraseIsReported) {
+  EXPECT_EQ(
+      errorWith(own.certificate, encryptedKey),
+      prefix + "tlsClientKeyPassword: cannot decrypt " + encryptedKey + ": bad password read");
+}
+
+TEST_F(ClientCertificateFiles, PassphraseThatIsTooLongForOpenSslIsReported) {
+  EXPECT_EQ(errorWith(own.certificate, encryptedKey, std::string(5000, 'x'))
+                .find(prefix + "tlsClientKeyPassword: cannot decrypt " + encryptedKey + ": "),
+            0U);
+}
+
+TEST_F(ClientCertificateFiles, MissingFileIsReported) {
+  const std::string none = directory.file("none.pem");
+  EXPECT_EQ(errorWith(none, own.key), prefix + "tlsClientCertificateFile: cannot use " + none +
+                                          ": No such file or directory");
+  EXPECT_EQ(errorWith(own.certificate, none),
+            prefix + "tlsClientKeyFile: cannot use " + none + ": No such file or directory");
+}
+
+TEST_F(ClientCertificateFiles, FileWithoutACertificateIsReported) {
+  EXPECT_EQ(errorWith(own.key, own.key),
+            prefix + "tlsClientCertificateFile: cannot use " + own.key + ": no start line");
+}
+
+TEST_F(ClientCertificateFiles, FileWithoutAKeyIsReported) {
+  EXPECT_EQ(errorWith(own.certificate, own.certificate),
+            prefix + "tlsClientKeyFile: cannot use " + own.certificate + ": unsupported");
+}
+
+TEST_F(ClientCertificateFiles, KeyThatDoesNotFitIsReported) {
+  const CertificateFiles other = authority.issue();
+  EXPECT_EQ(errorWith(own.certificate, other.key), prefix + "tlsClientKeyFile: " + other.key +
+                                                       " does not fit " + own.certificate +
+                                                       ": key values mismatch");
+}
+
+// What is left there would be taken for an error of the next connection.
+TEST_F(ClientCertificateFiles, ErrorsLeaveNothingInOpenSslsQueue) {
+  EXPECT_NE(errorWith(own.certificate, encryptedKey, "wr0ng"), "(no error)");
+  EXPECT_EQ(ERR_peek_error(), 0U);
+}
+
+TEST_F(ClientCertificateFiles, AnErrorIsReportedAgainAtTheNextAttempt) {
+  const std::string key = directory.file("later.key");
+  TlsContexts contexts({"", false, own.certificate, key, ""});
+  EXPECT_THROW(contexts.contextForConfiguredServer("server.test"), std::runtime_error);
+  EXPECT_THROW(contexts.contextForConfiguredServer("server.test"), std::runtime_error);
+  directory.write("later.key", test_support::readFile(own.key));
+  EXPECT_TRUE(showsCertificate(contexts.contextForConfiguredServer("server.test")));
+}
+
+TEST_F(ClientCertificateFiles, FileOfAuthoritiesThatIsMissingOrHoldsNoneIsReported) {
+  const std::string none = directory.file("none.pem");
+  const std::string empty = directory.write("empty.pem", "nothing\n");
+  for (const bool acceptUnrecognized : {false, true}) {
+    EXPECT_EQ(
+        errorWith({none, acceptUnrecognized}),
+        prefix + "tlsCertificateAuthorityFile: cannot use " + none + ": No such file or directory");
+    EXPECT_EQ(errorWith({empty, acceptUnrecognized}),
+              prefix + "tlsCertificateAuthorityFile: cannot use " + empty +
+                  ": no certificate or crl found");
+  }
+}
+
+// --- a handshake, in memory ---------------------------------------------------------------------
+
+// A server that asks for a certificate, and takes any.
+class AskingServer {
+ public:
+  explicit AskingServer(const CertificateFiles& own) : _context(SSL_CTX_new(TLS_server_method())) {
+    SSL_CTX_use_certificate_chain_file(_context, own.certificate.c_str());
+    SSL_CTX_use_PrivateKey_file(_context, own.key.c_str(), SSL_FILETYPE_PEM);
+    SSL_CTX_set_verify(_context, SSL_VERIFY_PEER, [](int, X509_STORE_CTX*) { return 1; });
+  }
+  ~AskingServer() { SSL_CTX_free(_context); }
+  AskingServer(const AskingServer&) = delete;
+  AskingServer& operator=(const AskingServer&) = delete;
+
+  // The serial number of the certificate that a client with this context shows, 0 for none, and -1
+  // where there is no connection.
+  long serialShown(const Context::Ptr& clientContext) const {
+    SSL* const client = SSL_new(clientContext->sslContext());
+    SSL* const server = SSL_new(_context);
+    connect(client, server);
+    long serial = -1;
+    if (SSL_is_init_finished(server) != 0) {
+      const X509* const shown = SSL_get0_peer_certificate(server);
+      serial = shown == nullptr ? 0 : ASN1_INTEGER_get(X509_get0_serialNumber(shown));
+    }
+    SSL_free(server);
+    SSL_free(client);
+    return serial;
+  }
+
+ private:
+  static void connect(SSL* client, SSL* server) {
+    BIO* atClient = nullptr;
+    BIO* atServer = nullptr;
+    BIO_new_bio_pair(&atClient, 0, &atServer, 0);
+    SSL_set_bio(client, atClient, atClient);
+    SSL_set_bio(server, atServer, atServer);
+    SSL_set_connect_state(client);
+    SSL_set_accept_state(server);
+    for (int turn = 0; turn < 10; ++turn) {
+      SSL_do_handshake(client);
+      SSL_do_handshake(server);
+    }
+  }
+
+  SSL_CTX* const _context;
+};
+
+TEST(ClientCertificate, ReachesTheServerThatAsksForIt) {
+  CertificateAuthority authority;
+  const AskingServer server(authority.issue());
+  const CertificateFiles own = authority.issue();
+  for (const bool acceptUnrecognized : {false, true}) {
+    TlsContexts contexts({authority.caFile(), acceptUnrecognized, own.certificate, own.key, ""});
+    EXPECT_GT(server.serialShown(contexts.contextForConfiguredServer("localhost")), 0);
+    EXPECT_EQ(server.serialShown(contexts.contextFor("localhost")), 0);
+    EXPECT_EQ(server.serialShown(contexts.contextForConfiguredServer("other.test")),
+              acceptUnrecognized
+                  ? server.serialShown(contexts.contextForConfiguredServer("localhost"))
+                  : -1);
+  }
 }
 
 }  // namespace

@@ -1,0 +1,39 @@
+#include "plugins/http_client/wire/ResponseHeadReading.hpp"
+
+#include <Poco/Net/NetException.h>
+
+#include "plugins/http_client/wire/Framing.hpp"
+#include "plugins/http_client/wire/HeadReader.hpp"
+
+namespace connectivity::plugins {
+
+namespace {
+
+void readHead(InputBuffer& input, ResponseHead& head, const std::string& peer,
+              HeadProgress& progress) {
+  HeadReader reader(head);
+  for (;;) {
+    progress.begun = progress.begun || !input.empty();
+    input.consume(reader.read(input.view()));
+    if (reader.complete()) return;
+    if (input.fill()) continue;
+    if (progress.begun) {
+      throw Poco::Net::MessageException(peer + " closed the connection within the response head");
+    }
+    throw Poco::Net::NoMessageException(peer + " closed the connection without an answer");
+  }
+}
+
+}  // namespace
+
+void readResponseHead(InputBuffer& input, ResponseHead& head, const std::string& peer,
+                      HeadProgress& progress) {
+  for (int interim = 0; interim <= maxInterimResponses; ++interim) {
+    readHead(input, head, peer, progress);
+    if (!isInterim(head)) return;
+    progress.ambiguous = progress.ambiguous || announcesForbiddenBody(head);
+  }
+  throw Poco::Net::MessageException(peer + " sent too many interim responses");
+}
+
+}  // namespace connectivity::plugins

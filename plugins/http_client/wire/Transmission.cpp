@@ -1,0 +1,74 @@
+#include "plugins/http_client/wire/Transmission.hpp"
+
+#include <array>
+#include <utility>
+
+#include <Poco/Exception.h>
+
+namespace connectivity::plugins {
+
+void Transmission::begin(Layer& layer, std::string_view head,
+                         std::span<const std::string_view> body) {
+  _layer = &layer;
+  _failure = nullptr;
+  _whenSent = nullptr;
+  _next = 0;
+  _pieces.assign(1, head);
+  for (const std::string_view piece : body) {
+    if (!piece.empty()) _pieces.push_back(piece);
+  }
+  sendSome();
+}
+
+// As much as goes out without waiting.
+void Transmission::sendSome() {
+  try {
+    while (sending()) {
+      const std::size_t sent = _layer->send(std::span(_pieces).subspan(_next));
+      if (sent == 0) return;
+      advance(sent);
+    }
+  } catch (const Poco::Exception&) {
+    _failure = std::current_exception();
+    stop();
+  }
+  sendingEnded();
+}
+
+void Transmission::advance(std::size_t sent) {
+  while (sending() && sent >= _pieces[_next].size()) sent -= _pieces[_next++].size();
+  if (sent > 0) _pieces[_next].remove_prefix(sent);
+}
+
+void Transmission::sendingEnded() {
+  if (_whenSent) std::exchange(_whenSent, nullptr)();
+}
+
+std::size_t Transmission::receive(char* data, std::size_t size) {
+  while (sending()) {
+    if (const auto count = _layer->receive(data, size, Wait::No)) return *count;
+    _layer->awaitEither();
+    sendSome();
+  }
+  return _layer->receive(data, size, Wait::Yes).value_or(0);
+}
+
+bool Transmission::flush() {
+  std::array<char, 4096> nobodys;  // NOLINT(*-member-init): only written
+  bool clean = true;
+  while (sending()) {
+    const auto count = _layer->receive(nobodys.data(), nobodys.size(), Wait::No);
+    if (count) clean = false;
+    // The peer sends no more, and may still read.
+    if (!count || *count == 0) _layer->awaitEither();
+    sendSome();
+  }
+  return clean && !_failure;
+}
+
+void Transmission::whenSent(std::function<void()> then) {
+  _whenSent = std::move(then);
+  if (!sending()) sendingEnded();
+}
+
+}  // namespace connectivity::plugins

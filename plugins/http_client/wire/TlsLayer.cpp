@@ -119,7 +119,7 @@ void TlsLayer::handshake() {
       const int result = SSL_do_handshake(_ssl.get());
       if (result == 1) break;
       const int error = SSL_get_error(_ssl.get(), result);
-      if (_failure || error != SSL_ERROR_WANT_WRITE) handshakeFailed(error);
+      if (_failure || error != SSL_ERROR_WANT_WRITE) handshakeFailed();
       _below->awaitEither();
     }
   } catch (const DeadlineExceeded&) {
@@ -131,7 +131,7 @@ void TlsLayer::handshake() {
   _sayGoodbye = true;
 }
 
-void TlsLayer::handshakeFailed(int error) {
+void TlsLayer::handshakeFailed() {
   const long verdict = SSL_get_verify_result(_ssl.get());
   const bool refused = verdict != X509_V_OK && SSL_get_verify_mode(_ssl.get()) != SSL_VERIFY_NONE;
   if (refused) {
@@ -143,7 +143,6 @@ void TlsLayer::handshakeFailed(int error) {
     ERR_clear_error();
     std::rethrow_exception(std::exchange(_failure, nullptr));
   }
-  static_cast<void>(error);
   throw SSLException("TLS handshake failed: " + takeReason());
 }
 
@@ -165,7 +164,7 @@ std::size_t TlsLayer::send(std::span<const std::string_view> pieces) {
   const int error = SSL_get_error(_ssl.get(), result);
   const bool wants = error == SSL_ERROR_WANT_WRITE || error == SSL_ERROR_WANT_READ;
   if (wants && !_failure) return 0;
-  failed(error);
+  failed();
 }
 
 std::optional<std::size_t> TlsLayer::receive(char* data, std::size_t size, Wait wait) {
@@ -177,15 +176,14 @@ std::optional<std::size_t> TlsLayer::receive(char* data, std::size_t size, Wait 
     if (result == 1) return count;
     const int error = SSL_get_error(_ssl.get(), result);
     if (error == SSL_ERROR_ZERO_RETURN) return 0;
-    if (_failure || (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)) failed(error);
+    if (_failure || (error != SSL_ERROR_WANT_READ && error != SSL_ERROR_WANT_WRITE)) failed();
     if (wait == Wait::No) return std::nullopt;
     if (error == SSL_ERROR_WANT_WRITE) _below->awaitEither();
   }
 }
 
-void TlsLayer::failed(int error) {
+void TlsLayer::failed() {
   _sayGoodbye = false;
-  static_cast<void>(error);
   if (_failure) {
     ERR_clear_error();
     std::rethrow_exception(std::exchange(_failure, nullptr));

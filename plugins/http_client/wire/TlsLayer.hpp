@@ -49,8 +49,8 @@ class TlsLayer final : public Layer {
   static long bioControl(BIO* bio, int command, long number, void* pointer);
   void prepare();
   void handshake();
-  [[noreturn]] void handshakeFailed(int error);
-  [[noreturn]] void failed(int error);
+  [[noreturn]] void handshakeFailed();
+  [[noreturn]] void failed();
 
   const std::unique_ptr<Layer> _below;
   const Poco::Net::Context::Ptr _context;

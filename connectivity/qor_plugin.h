@@ -240,8 +240,9 @@ enum {
 
 /* The level of a category: lines up to this level are wanted. */
 QOR_API int qor_get_log_level(const char* category);
-/* Writes one line; the text is formatted as by printf. Control characters in it are escaped, as \n,
- * \r, \t or \x1b, before it goes anywhere. Leaves errno as it was. */
+/* Writes one line; the text is formatted as by printf. Before it goes anywhere, control characters
+ * in it are escaped as \n, \r, \t, \x1b or (U+0080 to U+009F) \u0085, and bytes that are not UTF-8
+ * as \xff. Leaves errno as it was. */
 QOR_API void qor_log_at(const char* category, int level, const char* format, ...) QOR_PRINTF(3, 4);
 
 /*

@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
 
 #include "connectivity/value_access.hpp"
@@ -19,6 +20,7 @@
 #include "host/messages/MessageWriter.hpp"
 #include "host/program/Complaint.hpp"
 #include "host/status/StatusTable.hpp"
+#include "orrery/runtime/Escaping.hpp"
 
 namespace host {
 
@@ -42,6 +44,16 @@ std::string_view bodyOf(const Message& response) {
 std::string reasonOf(const map_t& http) {
   const data_t* reason = http.findText("statusReason");
   return reason != nullptr && reason->isString() ? reason->text() : "";
+}
+
+// What a server sent, as a terminal is to show it.
+std::string forTerminal(std::string_view text) {
+  std::string lines;
+  lines.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (text.substr(i, 2) != "\r\n") lines += text[i];
+  }
+  return runtime::escaped(lines, "\n\t");
 }
 
 // The response has one of each name, in no order of its own. The version is the transport's.
@@ -80,7 +92,7 @@ class Printer : public ResponseReceiver {
       if (_options.include) print(headOf(response, status.status));
       print(bodyOf(response));
     }
-    if (status.isTransportError) complain(std::string(bodyOf(response)).c_str());
+    if (status.isTransportError) complain(bodyOf(response));
     if (std::fflush(stdout) != 0) failWriting();
   }
 
@@ -93,6 +105,11 @@ class Printer : public ResponseReceiver {
 
  private:
   void print(std::string_view text) {
+    if (_onTerminal) return write(forTerminal(text));
+    write(text);
+  }
+
+  void write(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size()) failWriting();
   }
 
@@ -102,6 +119,7 @@ class Printer : public ResponseReceiver {
   }
 
   const RequestOptions& _options;
+  const bool _onTerminal = isatty(STDOUT_FILENO) == 1;
   bool _answered = false;
   bool _success = false;
   std::string _failure;

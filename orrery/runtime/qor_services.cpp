@@ -14,6 +14,7 @@
 #include "connectivity/qor_plugin.h"
 #include "orrery/Platform.hpp"
 #include "orrery/runtime/Blocks.hpp"
+#include "orrery/runtime/Escaping.hpp"
 
 namespace runtime {
 
@@ -44,42 +45,6 @@ QOR_PRINTF(1, 0) std::string formatted(const char* format, std::va_list argument
   return text;
 }
 
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == '\x7F'; }
-
-void appendEscaped(std::string& to, char control) {
-  constexpr std::string_view hexDigits = "0123456789abcdef";
-  const auto code = static_cast<unsigned char>(control);
-  switch (control) {
-    case '\n':
-      to += "\\n";
-      return;
-    case '\r':
-      to += "\\r";
-      return;
-    case '\t':
-      to += "\\t";
-      return;
-    default:
-      to += "\\x";
-      to += hexDigits[code >> 4U];
-      to += hexDigits[code & 0xFU];
-  }
-}
-
-// Whatever a peer sent, one line stays one line and moves no terminal's cursor.
-std::string withoutControls(std::string_view text) {
-  std::string clean;
-  clean.reserve(text.size());
-  for (const char c : text) {
-    if (isControl(c)) {
-      appendEscaped(clean, c);
-    } else {
-      clean += c;
-    }
-  }
-  return clean;
-}
-
 // --- Standard error, where no host takes the lines
 // -------------------------------------------------
 
@@ -105,7 +70,7 @@ std::string timestamp(std::int64_t milliseconds) {
 
 void writeToStandardError(const char* category, int level, const std::string& text) {
   const std::string line = timestamp(orrery::Platform::sysTime()) + " " + levelName(level) + " [" +
-                           withoutControls(category) + "] " + text + "\n";
+                           runtime::escaped(category) + "] " + text + "\n";
   // One call for the line, so that lines of several threads do not mix. Where standard error takes
   // none of it there is nowhere left to tell.
   ssize_t written = 0;
@@ -121,7 +86,7 @@ void logLine(const char* category, int level, const char* format, std::va_list a
     const qor_log_services_t* services = logServices.load(std::memory_order_acquire);
     const bool hasSink = services != nullptr && services->write != nullptr;
     if (hasSink || level <= QOR_LOG_INFO) {
-      const std::string text = withoutControls(formatted(format, arguments));
+      const std::string text = runtime::escaped(formatted(format, arguments));
       if (hasSink) {
         services->write(services->context, category, level, text.c_str());
       } else {

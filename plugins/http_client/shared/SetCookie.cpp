@@ -37,8 +37,6 @@ bool isPrintable(std::string_view text) noexcept {
   });
 }
 
-bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
-
 // An integer from end to end, kept within an int.
 std::optional<int> readMaxAge(std::string_view text) noexcept {
   long long value = 0;

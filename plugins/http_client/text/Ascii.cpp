@@ -4,8 +4,6 @@
 
 namespace connectivity::plugins {
 
-char lower(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
-
 std::string lowerCased(std::string_view text) {
   std::string result(text);
   std::transform(result.begin(), result.end(), result.begin(), lower);
@@ -15,16 +13,6 @@ std::string lowerCased(std::string_view text) {
 bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
                     [](char left, char right) { return lower(left) == lower(right); });
-}
-
-bool isAlphanumeric(char c) noexcept {
-  return (c >= '0' && c <= '9') || (lower(c) >= 'a' && lower(c) <= 'z');
-}
-
-int hexDigit(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  const char small = lower(c);
-  return small >= 'a' && small <= 'f' ? small - 'a' + 10 : -1;
 }
 
 std::string_view trimmed(std::string_view text) noexcept {

@@ -10,16 +10,28 @@
 namespace connectivity::plugins {
 
 // 'A' -> 'a'; every other character as it is.
-char lower(char c) noexcept;
+constexpr char lower(char c) noexcept {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 // "Content-TYPE" -> "content-type"
 std::string lowerCased(std::string_view text);
 // "Keep-Alive" equals "keep-alive".
 bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
 
+constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 // A letter or a digit.
-bool isAlphanumeric(char c) noexcept;
+constexpr bool isAlphanumeric(char c) noexcept {
+  return isDigit(c) || (lower(c) >= 'a' && lower(c) <= 'z');
+}
 // '7' -> 7, 'f' and 'F' -> 15; -1 for what is no hexadecimal digit.
-int hexDigit(char c) noexcept;
+constexpr int hexDigit(char c) noexcept {
+  if (isDigit(c)) return c - '0';
+  return lower(c) >= 'a' && lower(c) <= 'f' ? lower(c) - 'a' + 10 : -1;
+}
+// U+0000 to U+001F, the tab among them, and DEL.
+constexpr bool isAsciiControl(char c) noexcept {
+  return static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+}
 
 // Without the blanks and tabs around it: "\t a b " -> "a b". A part of `text`, which must outlive
 // it.

@@ -11,17 +11,23 @@ namespace {
 
 using namespace std::string_view_literals;
 
-bool isAsciiControl(char c) noexcept { return static_cast<unsigned char>(c) < 0x20 || c == 0x7F; }
-
 // C1 is C2 80 to C2 9F in UTF-8, and C2 begins nothing but characters of two bytes.
 bool isC1(char lead, char next) noexcept {
   const auto byte = static_cast<unsigned char>(next);
   return lead == '\xC2' && byte >= 0x80 && byte <= 0x9F;
 }
 
-bool isTokenCharacter(char c) noexcept {
-  return isAlphanumeric(c) || "!#$%&'*+-.^_`|~"sv.find(c) != std::string_view::npos;
-}
+// By byte: whether it may stand in a token.
+constexpr std::array<bool, 256> tokenCharacters = [] {
+  std::array<bool, 256> table{};
+  for (unsigned byte = 0; byte < table.size(); ++byte) {
+    const char c = static_cast<char>(byte);
+    table[byte] = isAlphanumeric(c) || "!#$%&'*+-.^_`|~"sv.find(c) != std::string_view::npos;
+  }
+  return table;
+}();
+
+bool isTokenCharacter(char c) noexcept { return tokenCharacters[static_cast<unsigned char>(c)]; }
 
 template <std::size_t count>
 bool isOneOf(std::string_view name, const std::array<std::string_view, count>& names) noexcept {

@@ -19,7 +19,6 @@ constexpr std::string_view protocol = "HTTP/1.";
 // So much of a line is shown in an error.
 constexpr std::size_t shownBytes = 100;
 
-bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 bool isBlank(char c) noexcept { return c == ' ' || c == '\t'; }
 
 [[noreturn]] void badStatusLine(std::string_view line) {

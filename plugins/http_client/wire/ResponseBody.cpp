@@ -6,6 +6,8 @@
 #include <Poco/Exception.h>
 #include <Poco/Net/SSLException.h>
 
+#include "plugins/http_client/text/Ascii.hpp"
+
 namespace connectivity::plugins {
 
 namespace {
@@ -17,16 +19,7 @@ constexpr std::size_t maxTrailers = 65536;
 // Less than this is not worth a receive of its own: it is read ahead into the input's buffer.
 constexpr std::size_t directReadFrom = 1024;
 
-int hexDigit(char c) noexcept {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-bool isControl(char c) noexcept {
-  return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F;
-}
+bool isControl(char c) noexcept { return isAsciiControl(c) && c != '\t'; }
 
 // The size in "1a2B ; name=value"; nothing where the line is malformed or the size beyond 63 bits.
 std::optional<std::int64_t> chunkSize(std::string_view line) {

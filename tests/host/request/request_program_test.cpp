@@ -7,6 +7,7 @@
 
 #include "tests/host/HostProgram.hpp"
 #include "tests/support/Certificates.hpp"
+#include "tests/support/ChildProcess.hpp"
 #include "tests/support/ScriptedProxy.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -15,6 +16,8 @@ namespace {
 
 using test_support::base64;
 using test_support::CertificateAuthority;
+using test_support::ChildProcess;
+using test_support::Connection;
 using test_support::RecordedRequest;
 using test_support::ScriptedProxy;
 using test_support::ScriptedServer;
@@ -61,6 +64,46 @@ TEST(Request, PrintsStatusLineAndHeadersBeforeTheBodyWhereAsked) {
   EXPECT_EQ(outcome.output,
             "HTTP/1.1 201 Created\r\ncontent-length: 4\r\ncontent-type: text/plain\r\n"
             "x-a: 1\r\nx-b: 2\r\n\r\nbody");
+}
+
+// What the same call shows on a terminal, which script(1) makes for it.
+std::string onTerminal(const std::vector<std::string>& arguments) {
+  std::string command = std::string(HOST_PROGRAM) + " request";
+  for (const std::string& argument : arguments) command += " '" + argument + "'";
+  ChildProcess terminal(
+      {"/usr/bin/script", "--quiet", "--return", "--command", command, "/dev/null"});
+  terminal.closeInput();
+  EXPECT_EQ(terminal.wait(), 0);
+  return terminal.output();
+}
+
+TEST(Request, EscapesOnATerminalWhatAServerSent) {
+  ScriptedServer server;
+  server.answer("/x", {200,
+                       {{"X-Title",
+                         "\x1b]0;owned\x07\x9b"
+                         "31m"},
+                        {"Content-Type", "text/plain"}},
+                       "\x1b[2Jcaf\u00e9\t\u009b31m\xff\r\nend\n"});
+  // The terminal itself begins a line where a line ends.
+  EXPECT_EQ(onTerminal({"--include", "GET", urlOf(server, "/x")}),
+            "HTTP/1.1 200 OK\r\ncontent-length: 22\r\ncontent-type: text/plain\r\n"
+            "x-title: \\x1b]0;owned\\x07\\u009b31m\r\n\r\n"
+            "\\x1b[2Jcaf\u00e9\t\\u009b31m\\xff\r\nend\r\n");
+}
+
+TEST(Request, EscapesOnStandardErrorWhatAServerSent) {
+  ScriptedServer server([](Connection& connection) {
+    connection.readRequest();
+    connection.send(
+        "HTTP/1.1 20 \x1b[31m\x9b"
+        "0m\r\n\r\n");
+  });
+  const Outcome outcome = request({"GET", urlOf(server, "/x")});
+  EXPECT_EQ(outcome.status, 22);
+  EXPECT_EQ(lastLine(outcome.errors),
+            "orrery-host: Malformed message: Malformed status line in the response: "
+            "HTTP/1.1 20 \\x1b[31m\\u009b0m");
 }
 
 TEST(Request, PrintsTheWholeMessageWhereAsked) {

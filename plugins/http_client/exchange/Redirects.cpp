@@ -13,7 +13,6 @@ namespace {
 constexpr int movedPermanently = 301;
 constexpr int found = 302;
 constexpr int seeOther = 303;
-constexpr int temporaryRedirect = 307;
 constexpr int permanentRedirect = 308;
 
 bool isPermanent(int status) noexcept {
@@ -90,11 +89,6 @@ class Redirect {
 };
 
 }  // namespace
-
-bool isRedirect(int status) noexcept {
-  return status == movedPermanently || status == found || status == seeOther ||
-         status == temporaryRedirect || status == permanentRedirect;
-}
 
 std::optional<FollowUp> processRedirectResponse(const ResponseHead& response,
                                                 const Location& current, request& req,

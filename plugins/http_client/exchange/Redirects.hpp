@@ -35,7 +35,9 @@ struct FollowUp {
 };
 
 // 301, 302, 303, 307 and 308.
-bool isRedirect(int status) noexcept;
+constexpr bool isRedirect(int status) noexcept {
+  return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
+}
 
 // What follows from a redirect that `current` answered; nothing where it is to be delivered as it
 // is, which is logged. Counts it in the request. Throws RedirectFailed "Maximum redirects

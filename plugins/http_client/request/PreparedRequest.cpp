@@ -56,8 +56,8 @@ PreparedRequest HeadWriter::createRequest(const request& req, const RequestBody&
   PreparedRequest prepared;
   prepared.body = &body;
   // The target of a redirect stands for itself.
-  prepared.target =
-      req.redirectsTaken == 0 ? withQuery(req.hop.target, body.query()) : req.hop.target;
+  const bool hasQuery = req.redirectsTaken == 0 && !body.query().empty();
+  prepared.target = hasQuery ? withQuery(req.hop.target, body.query()) : req.hop.target;
   std::string& head = prepared.head;
   head.reserve(512);
   head.append(req.hop.method).append(" ").append(destination.absolutePrefix);

@@ -4,6 +4,8 @@
 // Pure functions; any thread may call them.
 #pragma once
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -16,7 +18,10 @@ constexpr char lower(char c) noexcept {
 // "Content-TYPE" -> "content-type"
 std::string lowerCased(std::string_view text);
 // "Keep-Alive" equals "keep-alive".
-bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept;
+constexpr bool equalsIgnoringCase(std::string_view a, std::string_view b) noexcept {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char left, char right) { return lower(left) == lower(right); });
+}
 
 constexpr bool isDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 // A letter or a digit.
@@ -35,7 +40,12 @@ constexpr bool isAsciiControl(char c) noexcept {
 
 // Without the blanks and tabs around it: "\t a b " -> "a b". A part of `text`, which must outlive
 // it.
-std::string_view trimmed(std::string_view text) noexcept;
+constexpr std::string_view trimmed(std::string_view text) noexcept {
+  constexpr std::string_view blanks = " \t";
+  const std::size_t first = text.find_first_not_of(blanks);
+  if (first == std::string_view::npos) return {};
+  return text.substr(first, text.find_last_not_of(blanks) - first + 1);
+}
 
 // Appends '%' and the byte's two digits, whatever the byte is. With it for the blank alone:
 // "a b" -> "a%20b"; '\xE9' -> "%E9".

@@ -101,10 +101,6 @@ bool hasNoBody(int status) noexcept {
 
 }  // namespace
 
-bool isInterim(const ResponseHead& head) noexcept {
-  return head.status() < 200 && head.status() != switchingProtocols;
-}
-
 BodyFraming bodyFraming(const ResponseHead& head, bool answersHead) {
   if (answersHead || hasNoBody(head.status())) return {};
   if (isChunked(head)) return {Framing::Chunked, 0};

@@ -19,7 +19,10 @@ struct BodyFraming {
 };
 
 // Whether this is an interim response: every 1xx but 101, which ends HTTP on the connection.
-bool isInterim(const ResponseHead& head) noexcept;
+inline bool isInterim(const ResponseHead& head) noexcept {
+  constexpr int switchingProtocols = 101;
+  return head.status() < 200 && head.status() != switchingProtocols;
+}
 
 // `answersHead`: the request was a HEAD, whose answer has no body whatever it announces. Nor has a
 // 1xx, a 204 or a 304. A chunked coding wins over a length. Throws Poco::Net::MessageException

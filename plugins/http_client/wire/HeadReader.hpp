@@ -49,8 +49,6 @@ class HeadReader {
   std::size_t read(std::string_view bytes);
   // The empty line behind the fields has been read.
   bool complete() const noexcept { return _state == State::Complete; }
-  // Not even an empty line has come.
-  bool untouched() const noexcept { return _taken == 0 && _searched == 0; }
 
  private:
   enum class State { Start, Fields, Complete };

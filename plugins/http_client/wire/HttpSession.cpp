@@ -29,6 +29,11 @@ std::string answerer(const Route& route) {
   return sentenceStart(proxied ? proxyName(route) : theServer);
 }
 
+// REQUIRES: the route has a proxy.
+const std::string& tunnelAuthorization(const Route& route, const OutgoingRequest& request) {
+  return request.tunnelAuthorization ? *request.tunnelAuthorization : route.proxy->authorization;
+}
+
 std::size_t bytesOf(Leftover leftover) noexcept {
   switch (leftover) {
     case Leftover::None:
@@ -44,7 +49,7 @@ std::size_t bytesOf(Leftover leftover) noexcept {
 }  // namespace
 
 HttpSession::HttpSession(Route route, Resolver& resolver)
-    : _route(std::move(route)), _limits(_route.timeout) {
+    : _route(std::move(route)), _answerer(answerer(_route)), _limits(_route.timeout) {
   const bool proxied = _route.proxy.has_value();
   auto tcp =
       std::make_unique<TcpLayer>(proxied ? _route.proxy->host : _route.host,
@@ -73,15 +78,15 @@ void HttpSession::reset() noexcept {
   _state = State::Closed;
 }
 
-std::string HttpSession::tunnelAuthorization(const OutgoingRequest& request) const {
-  if (_tunnel == nullptr) return {};
-  return request.tunnelAuthorization.value_or(_route.proxy->authorization);
+// Whether the open tunnel was made with the credentials that this request asks for.
+bool HttpSession::tunnelFits(const OutgoingRequest& request) const {
+  return _tunnel == nullptr || _tunnel->authorization() == tunnelAuthorization(_route, request);
 }
 
 // The look at the socket is the only system call, and the last condition.
 bool HttpSession::canReuseConnection(const OutgoingRequest& request) const {
-  return _state == State::Idle && _tunnelAuthorization == tunnelAuthorization(request) &&
-         Clock::now() - _lastUsed < keepAlive && _connection->quiet();
+  return _state == State::Idle && tunnelFits(request) && Clock::now() - _lastUsed < keepAlive &&
+         _connection->quiet();
 }
 
 void HttpSession::send(const OutgoingRequest& request) {
@@ -102,8 +107,7 @@ void HttpSession::send(const OutgoingRequest& request) {
 
 void HttpSession::open(const OutgoingRequest& request) {
   reset();
-  _tunnelAuthorization = tunnelAuthorization(request);
-  if (_tunnel != nullptr) _tunnel->authorizeWith(_tunnelAuthorization);
+  if (_tunnel != nullptr) _tunnel->authorizeWith(tunnelAuthorization(_route, request));
   _connection->connect();
   _input.attach(&_transmission);
 }
@@ -132,7 +136,7 @@ const ResponseHead& HttpSession::receive() {
 // Where the sending failed, that is the failure, unless the server has answered before.
 void HttpSession::receiveHead() {
   try {
-    readResponseHead(_input, _head, answerer(_route), _progress);
+    readResponseHead(_input, _head, _answerer, _progress);
   } catch (const Poco::Exception&) {
     if (_progress.begun || !_transmission.failure()) throw;
     std::rethrow_exception(_transmission.failure());

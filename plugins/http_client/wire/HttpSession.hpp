@@ -106,13 +106,14 @@ class HttpSession {
   enum class State { Closed, Sent, Answered, Idle };
 
   bool canReuseConnection(const OutgoingRequest& request) const;
-  std::string tunnelAuthorization(const OutgoingRequest& request) const;
+  bool tunnelFits(const OutgoingRequest& request) const;
   void open(const OutgoingRequest& request);
   void receiveHead();
   void endExchange(Leftover leftover);
   void skipBody(std::size_t bound);
 
   const Route _route;
+  const std::string _answerer;  // begins the sentences about an answer: "The server"
   TimeLimits _limits;
   TunnelLayer* _tunnel = nullptr;  // one of the layers, or null
   std::unique_ptr<Layer> _connection;
@@ -124,8 +125,7 @@ class HttpSession {
   State _state = State::Closed;
   bool _connected = false;
   bool _answersHead = false;
-  bool _keeps = false;               // the peer lets the connection be used again
-  std::string _tunnelAuthorization;  // what the open tunnel was made with
+  bool _keeps = false;  // the peer lets the connection be used again
   Clock::time_point _lastUsed;
 };
 

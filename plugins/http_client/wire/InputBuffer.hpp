@@ -3,7 +3,9 @@
 // Belongs to one session and its thread. Pointers into it hold until the next fill() or clear().
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 #include <string_view>
 #include <vector>
 
@@ -27,7 +29,10 @@ class InputBuffer {
   static constexpr std::size_t blockSize = 16384;
 
   // Forgets what is held and reads from `source` from now on; null for none. Borrowed.
-  void attach(ByteSource* source) noexcept;
+  void attach(ByteSource* source) noexcept {
+    _source = source;
+    _begin = _end = 0;
+  }
 
   bool empty() const noexcept { return _begin == _end; }
   std::size_t size() const noexcept { return _end - _begin; }
@@ -35,15 +40,37 @@ class InputBuffer {
   char* data() noexcept { return _bytes.data() + _begin; }
   std::string_view view() const noexcept { return {data(), size()}; }
   // REQUIRES: count <= size().
-  void consume(std::size_t count) noexcept;
+  void consume(std::size_t count) noexcept {
+    _begin += count;
+    if (_begin == _end) _begin = _end = 0;
+  }
   // Receives more behind what is held, which stays in one piece. False at the end of the stream.
-  bool fill();
+  bool fill() {
+    if (_source == nullptr) return false;
+    makeRoom();
+    const std::size_t received = _source->receive(_bytes.data() + _end, blockSize);
+    _end += received;
+    return received > 0;
+  }
   // Moves up to `size` bytes out: what is held, else what one receive into `data` yields. 0 at the
   // end of the stream.
-  std::size_t read(char* data, std::size_t size);
+  std::size_t read(char* into, std::size_t size) {
+    if (empty()) return _source == nullptr ? 0 : _source->receive(into, size);
+    const std::size_t count = std::min(size, this->size());
+    std::memcpy(into, data(), count);
+    consume(count);
+    return count;
+  }
 
  private:
-  void makeRoom();
+  void makeRoom() {
+    if (_begin > 0) {
+      std::memmove(_bytes.data(), data(), size());
+      _end -= _begin;
+      _begin = 0;
+    }
+    if (_bytes.size() < _end + blockSize) _bytes.resize(_end + blockSize);
+  }
 
   ByteSource* _source = nullptr;
   std::vector<char> _bytes;

@@ -12,7 +12,7 @@ namespace connectivity::plugins {
 
 namespace {
 
-constexpr std::int64_t unbounded = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t largestSize = std::numeric_limits<std::int64_t>::max();
 // A chunk's size with its extensions; the trailer fields together.
 constexpr std::size_t maxChunkLine = 16384;
 constexpr std::size_t maxTrailers = 65536;
@@ -26,7 +26,7 @@ std::optional<std::int64_t> chunkSize(std::string_view line) {
   std::int64_t size = 0;
   std::size_t at = 0;
   for (; at < line.size() && hexDigit(line[at]) >= 0; ++at) {
-    if (size > (unbounded >> 4)) return std::nullopt;
+    if (size > (largestSize >> 4)) return std::nullopt;
     size = (size << 4) | hexDigit(line[at]);
   }
   if (at == 0) return std::nullopt;
@@ -40,38 +40,6 @@ std::optional<std::int64_t> chunkSize(std::string_view line) {
 }
 
 }  // namespace
-
-void BodyBuffer::begin(Framing framing, std::int64_t length) {
-  setg(nullptr, nullptr, nullptr);
-  _framing = framing;
-  _remaining = framing == Framing::Length ? length : 0;
-  if (framing == Framing::UntilClose) _remaining = unbounded;
-  _chunkEndExpected = false;
-  const bool empty = framing == Framing::None || (framing == Framing::Length && length == 0);
-  _state = empty ? State::Complete : State::Reading;
-  _failure.clear();
-}
-
-void BodyBuffer::abandon() noexcept {
-  if (_state == State::Reading) _state = complete() ? State::Complete : State::Failed;
-  setg(nullptr, nullptr, nullptr);
-}
-
-bool BodyBuffer::complete() const noexcept {
-  return _state == State::Complete || (_state == State::Reading && _framing == Framing::Length &&
-                                       _remaining == gptr() - eback());
-}
-
-void BodyBuffer::settle() noexcept {
-  const auto used = static_cast<std::size_t>(gptr() - eback());
-  setg(nullptr, nullptr, nullptr);
-  _input.consume(used);
-  taken(used);
-}
-
-void BodyBuffer::taken(std::size_t count) noexcept {
-  if (_framing != Framing::UntilClose) _remaining -= static_cast<std::int64_t>(count);
-}
 
 bool BodyBuffer::more() {
   if (_state != State::Reading) return false;
@@ -207,12 +175,6 @@ std::size_t BodyBuffer::skipSome() {
   _input.consume(static_cast<std::size_t>(held));
   taken(static_cast<std::size_t>(held));
   return static_cast<std::size_t>(held);
-}
-
-void ResponseBody::begin(Framing framing, std::int64_t length) {
-  clear();
-  _announcedEmpty = framing == Framing::None || (framing == Framing::Length && length == 0);
-  _buffer.begin(framing, length);
 }
 
 std::size_t ResponseBody::skipSome() noexcept {

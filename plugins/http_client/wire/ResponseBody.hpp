@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <istream>
+#include <limits>
 #include <optional>
 #include <streambuf>
 #include <string>
@@ -26,10 +27,25 @@ class BodyBuffer final : public std::streambuf {
  public:
   explicit BodyBuffer(InputBuffer& input) noexcept : _input(input) {}
 
-  void begin(Framing framing, std::int64_t length);
+  void begin(Framing framing, std::int64_t length) {
+    setg(nullptr, nullptr, nullptr);
+    _framing = framing;
+    _remaining = framing == Framing::Length ? length : 0;
+    if (framing == Framing::UntilClose) _remaining = unbounded;
+    _chunkEndExpected = false;
+    const bool empty = framing == Framing::None || (framing == Framing::Length && length == 0);
+    _state = empty ? State::Complete : State::Reading;
+    _failure.clear();
+  }
   // The connection is gone: nothing more can be read.
-  void abandon() noexcept;
-  bool complete() const noexcept;
+  void abandon() noexcept {
+    if (_state == State::Reading) _state = complete() ? State::Complete : State::Failed;
+    setg(nullptr, nullptr, nullptr);
+  }
+  bool complete() const noexcept {
+    return _state == State::Complete || (_state == State::Reading && _framing == Framing::Length &&
+                                         _remaining == gptr() - eback());
+  }
   bool cutShort() const noexcept { return _state == State::CutShort; }
   std::size_t skipSome();
   std::int64_t announcedRest() const noexcept {
@@ -37,7 +53,12 @@ class BodyBuffer final : public std::streambuf {
   }
   const std::string& failure() const noexcept { return _failure; }
   // Ends the get area, which lies over the input: what was used of it leaves the input.
-  void settle() noexcept;
+  void settle() noexcept {
+    const auto used = static_cast<std::size_t>(gptr() - eback());
+    setg(nullptr, nullptr, nullptr);
+    _input.consume(used);
+    taken(used);
+  }
 
  protected:
   int_type underflow() override;
@@ -46,7 +67,11 @@ class BodyBuffer final : public std::streambuf {
  private:
   enum class State { Reading, Complete, CutShort, Failed };
 
-  void taken(std::size_t count) noexcept;
+  static constexpr std::int64_t unbounded = std::numeric_limits<std::int64_t>::max();
+
+  void taken(std::size_t count) noexcept {
+    if (_framing != Framing::UntilClose) _remaining -= static_cast<std::int64_t>(count);
+  }
   // True when bytes of the body are to come; false at its end, whole or cut short.
   bool more();
   std::size_t readPiece(char* into, std::size_t count);
@@ -73,7 +98,11 @@ class ResponseBody final : public std::istream {
   }
 
   // For the session: a new response's body; `length` counts under Framing::Length only.
-  void begin(Framing framing, std::int64_t length = 0);
+  void begin(Framing framing, std::int64_t length = 0) {
+    clear();
+    _announcedEmpty = framing == Framing::None || (framing == Framing::Length && length == 0);
+    _buffer.begin(framing, length);
+  }
   void abandon() noexcept { _buffer.abandon(); }
   // Leaves in the input only what was not read.
   void settle() noexcept { _buffer.settle(); }

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "plugins/http_client/text/Ascii.hpp"
+
 namespace connectivity::plugins {
 
 class ResponseHead {
@@ -48,16 +50,47 @@ class ResponseHead {
     return {view(_fields[index].name), view(_fields[index].value)};
   }
   // The value of the first field of this name, in whatever case.
-  std::optional<std::string_view> find(std::string_view name) const noexcept;
+  std::optional<std::string_view> find(std::string_view name) const noexcept {
+    for (const Field one : *this) {
+      if (equalsIgnoringCase(one.name, name)) return one.value;
+    }
+    return std::nullopt;
+  }
   // The values of all fields of this name, in their order.
-  std::vector<std::string_view> findAll(std::string_view name) const;
+  std::vector<std::string_view> findAll(std::string_view name) const {
+    std::vector<std::string_view> values;
+    for (const Field one : *this) {
+      if (equalsIgnoringCase(one.name, name)) values.push_back(one.value);
+    }
+    return values;
+  }
 
   // For whoever reads a head off the wire.
-  void clear() noexcept;
-  void setStatus(int minorVersion, int status, std::string_view reason);
-  void addField(std::string_view name, std::string_view value);
+  void clear() noexcept {
+    setStatus(0, 0, {});
+    _fields.clear();
+    _text.clear();
+  }
+  void setStatus(int minorVersion, int status, std::string_view reason) {
+    _minorVersion = minorVersion;
+    _status = status;
+    _reason = store(reason);
+  }
+  void addField(std::string_view name, std::string_view value) {
+    const Span storedName = store(name);
+    _fields.push_back({storedName, store(value)});
+  }
   // Joins `more` to the last field's value by one space. REQUIRES: there is a field.
-  void continueField(std::string_view more);
+  void continueField(std::string_view more) {
+    if (more.empty()) return;
+    Span& value = _fields.back().value;  // it ends where the text ends
+    if (value.size > 0) {
+      _text.push_back(' ');
+      ++value.size;
+    }
+    _text.append(more);
+    value.size += static_cast<std::uint32_t>(more.size());
+  }
 
  private:
   struct Span {
@@ -68,7 +101,12 @@ class ResponseHead {
   std::string_view view(Span span) const noexcept {
     return std::string_view(_text).substr(span.begin, span.size);
   }
-  Span store(std::string_view text);
+  Span store(std::string_view text) {
+    const Span span{static_cast<std::uint32_t>(_text.size()),
+                    static_cast<std::uint32_t>(text.size())};
+    _text.append(text);
+    return span;
+  }
 
   int _status = 0;
   int _minorVersion = 0;

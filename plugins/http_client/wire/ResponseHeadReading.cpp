@@ -12,16 +12,15 @@ namespace {
 void readHead(InputBuffer& input, ResponseHead& head, const std::string& peer,
               HeadProgress& progress) {
   HeadReader reader(head);
-  for (;;) {
-    progress.begun = progress.begun || !input.empty();
+  for (bool more = !input.empty() || input.fill(); more; more = input.fill()) {
+    progress.begun = true;
     input.consume(reader.read(input.view()));
     if (reader.complete()) return;
-    if (input.fill()) continue;
-    if (progress.begun) {
-      throw Poco::Net::MessageException(peer + " closed the connection within the response head");
-    }
-    throw Poco::Net::NoMessageException(peer + " closed the connection without an answer");
   }
+  if (progress.begun) {
+    throw Poco::Net::MessageException(peer + " closed the connection within the response head");
+  }
+  throw Poco::Net::NoMessageException(peer + " closed the connection without an answer");
 }
 
 }  // namespace

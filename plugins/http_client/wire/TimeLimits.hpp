@@ -4,6 +4,7 @@
 // Belongs to one session and its thread. The layers of the session's connection refer to it.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <optional>
 #include <stdexcept>
@@ -32,14 +33,19 @@ class TimeLimits {
 
   // When a wait that begins now has to end: after the time-out, or at the deadline if that comes
   // first.
-  Deadline endOfWait() const noexcept;
+  Deadline endOfWait() const noexcept { return sooner(Clock::now() + _timeout); }
   // Throws DeadlineExceeded once the deadline has passed.
-  void check() const;
+  void check() const {
+    if (_deadline && Clock::now() >= *_deadline) throw DeadlineExceeded();
+  }
 
   // For its lifetime there is a deadline `most` from now, unless one comes sooner.
   class Shortened {
    public:
-    Shortened(TimeLimits& limits, std::chrono::milliseconds most) noexcept;
+    Shortened(TimeLimits& limits, std::chrono::milliseconds most) noexcept
+        : _limits(limits), _before(limits._deadline) {
+      limits._deadline = limits.sooner(Clock::now() + most);
+    }
     ~Shortened() { _limits._deadline = _before; }
     Shortened(const Shortened&) = delete;
     Shortened& operator=(const Shortened&) = delete;
@@ -50,6 +56,10 @@ class TimeLimits {
   };
 
  private:
+  Deadline sooner(Deadline end) const noexcept {
+    return _deadline ? std::min(end, *_deadline) : end;
+  }
+
   const std::chrono::milliseconds _timeout;
   std::optional<Deadline> _deadline;
 };

@@ -27,6 +27,8 @@ class TunnelLayer final : public Layer {
 
   // The credentials of the next connection; empty: none.
   void authorizeWith(std::string authorization) { _authorization = std::move(authorization); }
+  // Those of the latest one.
+  const std::string& authorization() const noexcept { return _authorization; }
 
   // Errors, beside those of the connection to the proxy:
   //   TunnelRefused "The proxy squid:3128 refused a tunnel to example.org:443: 403 Forbidden"

@@ -1,15 +1,13 @@
 #include "plugins/http_client/wire/SocketCalls.hpp"
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <csignal>
+#include <cstdint>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
-#include <pthread.h>
 #include <string>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -21,6 +19,7 @@
 #include <Poco/Net/NetException.h>
 #include <gtest/gtest.h>
 
+#include "tests/plugins/http_client/unit/wire/Signals.hpp"
 #include "tests/support/Descriptor.hpp"
 #include "tests/support/Event.hpp"
 
@@ -239,50 +238,13 @@ TEST(AwaitSocket, PeersEndCounts) {
   EXPECT_TRUE(awaitSocket(pair.ours.get(), POLLIN, patient()));
 }
 
-std::atomic<int> signalsHandled{0};
-
-extern "C" void countSignal(int /*number*/) { ++signalsHandled; }
-
-// For its lifetime SIGUSR1 is counted, and interrupts system calls.
-class InterruptingSignals {
- public:
-  InterruptingSignals() {
-    struct sigaction action {};
-    action.sa_handler = countSignal;
-    ::sigaction(SIGUSR1, &action, &_before);
-  }
-  ~InterruptingSignals() { ::sigaction(SIGUSR1, &_before, nullptr); }
-
- private:
-  struct sigaction _before {};
-};
-
 TEST(AwaitSocket, GoesOnAfterASignal) {
-  const InterruptingSignals interrupting;
   const Pair pair;
-  std::atomic<int> result{-1};
-  test_support::Event begun;
-  std::thread waiting([&] {
-    begun.set();
-    try {
-      result = awaitSocket(pair.ours.get(), POLLIN, patient()) ? 1 : 0;
-    } catch (const Poco::Exception&) {
-      result = 2;
-    }
-  });
-  begun.wait();
-  for (int round = 0; round < 50; ++round) {
-    const int before = signalsHandled;
-    ASSERT_EQ(::pthread_kill(waiting.native_handle(), SIGUSR1), 0);
-    const auto end = patient();
-    while (signalsHandled == before && result == -1 && Clock::now() < end) {
-      std::this_thread::yield();
-    }
-  }
-  EXPECT_EQ(result, -1);
-  test_support::writeAll(pair.theirs.get(), "x");
-  waiting.join();
-  EXPECT_EQ(result, 1);
+  bool result = false;
+  EXPECT_TRUE(test_support::goesOnAfterSignals(
+      [&] { result = awaitSocket(pair.ours.get(), POLLIN, patient()); },
+      [&] { test_support::writeAll(pair.theirs.get(), "x"); }));
+  EXPECT_TRUE(result);
 }
 
 TEST(IsReadable, TellsBytesAndTheEndAndTakesNothing) {

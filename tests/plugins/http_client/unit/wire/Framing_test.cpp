@@ -317,6 +317,15 @@ TEST(KeptConnection, NeedsABodyWhoseEndIsBeyondDoubt) {
   EXPECT_FALSE(keeps(200, {"Content-Length:", "Transfer-Encoding: chunked"}));
 }
 
+TEST(KeptConnection, EndsAfterATransferCodingOfHttp10) {
+  for (const char* coding : {"chunked", "identity"}) {
+    const Lines lines = {"Connection: keep-alive", "Content-Length: 5",
+                         "transfer-encoding: " + std::string(coding)};
+    EXPECT_FALSE(keeps(200, lines, 0)) << coding;
+  }
+  EXPECT_FALSE(keeps(200, {"Connection: keep-alive", "Transfer-Encoding: chunked"}, 0));
+}
+
 TEST(KeptConnection, IsKeptAfterAResponseWithoutABody) {
   for (const int status : {204, 304}) {
     EXPECT_TRUE(keeps(status, none)) << status;

@@ -19,7 +19,7 @@ namespace {
 using std::string_literals::operator""s;
 
 constexpr std::size_t limit = 262144;
-constexpr std::array<std::size_t, 4> steps{limit + 100, 16384, 1000, 1};
+constexpr std::array<std::size_t, 4> steps{limit + 100, 16384, 1000, 61};
 const std::string tooLarge = "The response head is too large";
 const std::string statusLine = "HTTP/1.1 200 OK\r\n";
 

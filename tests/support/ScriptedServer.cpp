@@ -161,6 +161,7 @@ class ScriptedServer::TlsChannel final : public SocketChannel {
   }
   void halfClose() override {
     SSL_shutdown(_ssl.get());
+    _open = false;  // a second one would wait for the peer's
     SocketChannel::halfClose();
   }
 

@@ -142,10 +142,13 @@ std::optional<RecordedRequest> Connection::readHead() {
   return request;
 }
 
-bool Connection::readBytes(std::size_t count) {
-  std::string dropped;
-  return takeBytes(count, dropped);
+std::optional<std::string> Connection::readExactly(std::size_t count) {
+  std::string bytes;
+  if (!takeBytes(count, bytes)) return std::nullopt;
+  return bytes;
 }
+
+bool Connection::readBytes(std::size_t count) { return readExactly(count).has_value(); }
 
 std::string Connection::readSome() {
   if (_unread.empty()) fill();

@@ -72,6 +72,8 @@ class Connection {
   std::optional<RecordedRequest> readRequest();
   // The next request's head; its body stays unread.
   std::optional<RecordedRequest> readHead();
+  // The next bytes of a body, as many; none where the peer closes before.
+  std::optional<std::string> readExactly(std::size_t count);
   // Reads and drops up to that many bytes; false where the peer closes before.
   bool readBytes(std::size_t count);
   // What has come and was not read, at least one byte; empty where the peer has closed.

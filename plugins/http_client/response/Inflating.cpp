@@ -28,9 +28,12 @@ InflatingBuffer::InflatingBuffer(std::streambuf& source, SupportedMediaType codi
 
 InflatingBuffer::~InflatingBuffer() { inflateEnd(_zlib.get()); }
 
+// Takes what has come, and waits for more only where there is none.
 bool InflatingBuffer::refill() {
-  const std::streamsize got =
-      _source.sgetn(_input.data(), static_cast<std::streamsize>(_input.size()));
+  if (_source.sgetc() == traits_type::eof()) return false;
+  const auto room = static_cast<std::streamsize>(_input.size());
+  const std::streamsize held = std::max<std::streamsize>(_source.in_avail(), 1);
+  const std::streamsize got = _source.sgetn(_input.data(), std::min(held, room));
   _zlib->next_in = reinterpret_cast<Bytef*>(_input.data());
   _zlib->avail_in = static_cast<uInt>(got);
   return got > 0;
@@ -59,11 +62,12 @@ bool InflatingBuffer::chooseFormat() {
   return got > 0;
 }
 
-std::size_t InflatingBuffer::decode(char* into, std::size_t room) {
+std::size_t InflatingBuffer::decode(char* into, std::size_t room, std::size_t wanted) {
   room = std::min<std::size_t>(room, std::numeric_limits<uInt>::max());
+  wanted = std::min(wanted, room);
   _zlib->next_out = reinterpret_cast<Bytef*>(into);
   _zlib->avail_out = static_cast<uInt>(room);
-  while (_zlib->avail_out > 0 && !_ended) {
+  while (room - _zlib->avail_out < wanted && !_ended) {
     if (_zlib->avail_in == 0 && !(_chosen ? refill() : chooseFormat())) {
       _ended = _brokeOff = true;
       break;
@@ -80,7 +84,7 @@ std::size_t InflatingBuffer::decode(char* into, std::size_t room) {
 }
 
 InflatingBuffer::int_type InflatingBuffer::underflow() {
-  const std::size_t count = decode(_decoded.data(), _decoded.size());
+  const std::size_t count = decode(_decoded.data(), _decoded.size(), 1);
   setg(_decoded.data(), _decoded.data(), _decoded.data() + count);
   return count == 0 ? traits_type::eof() : traits_type::to_int_type(*gptr());
 }
@@ -89,8 +93,8 @@ std::streamsize InflatingBuffer::xsgetn(char* into, std::streamsize count) {
   const std::streamsize held = std::min<std::streamsize>(count, egptr() - gptr());
   std::copy_n(gptr(), held, into);
   gbump(static_cast<int>(held));
-  return held +
-         static_cast<std::streamsize>(decode(into + held, static_cast<std::size_t>(count - held)));
+  const auto wanted = static_cast<std::size_t>(count - held);
+  return held + static_cast<std::streamsize>(decode(into + held, wanted, wanted));
 }
 
 }  // namespace connectivity::plugins

@@ -19,7 +19,8 @@ struct z_stream_s;
 
 namespace connectivity::plugins {
 
-// Reads from `source`, which is borrowed. Used as a std::istream's buffer, so that corrupt content,
+// Reads from `source`, which is borrowed, and no further than what is asked for needs: the rest of
+// the content may be missing, and not be wanted. Used as a std::istream's buffer, so that corrupt content,
 // and a source that fails, set the stream's bad bit. Content that breaks off is an end of file;
 // brokeOff() tells it. Bytes behind the content are ignored; some of them may have been read.
 class InflatingBuffer final : public std::streambuf {
@@ -41,8 +42,8 @@ class InflatingBuffer final : public std::streambuf {
   static constexpr std::size_t inputBytes = 32768;
   static constexpr std::size_t skippingBytes = 4096;
 
-  // Up to `room` decoded bytes; fewer only at the end.
-  std::size_t decode(char* into, std::size_t room);
+  // Up to `room` decoded bytes; fewer than `wanted` only at the end.
+  std::size_t decode(char* into, std::size_t room, std::size_t wanted);
   bool refill();
   bool beginsNextMember();
   bool chooseFormat();

@@ -14,6 +14,9 @@ namespace connectivity::plugins {
 
 namespace {
 
+// So much may lie between a coded content's end and the message's.
+constexpr std::streamsize behindContent = 4096;
+
 [[noreturn]] void throwIncomplete() {
   throw orrery::StreamException("Error processing response stream: I/O error");
 }
@@ -48,6 +51,11 @@ unsigned int readDecoded(ResponseBody& body, SupportedMediaType coding, const Co
   InflatingBuffer decoder(*body.rdbuf(), coding);
   std::istream decoded(&decoder);
   const unsigned int count = content.read(decoded);
+  // A content that was read to its end is whole only if its message is.
+  if (decoded.eof()) body.ignore(behindContent);
+  if (body.bad()) {
+    throw orrery::StreamException("Error processing response stream: Serious I/O error");
+  }
   if (decoder.brokeOff() || body.cutShort()) throwIncomplete();
   return count;
 }

@@ -25,7 +25,8 @@ struct ReadBody {
 // Reads the body of `response` as its Content-Encoding says, and counts as readResponseContent
 // does. A coding that is not supported gives the payload "Unsupported Media Type: " and the
 // header's value, reports the same text, and leaves the body unread. A body without a byte is not
-// decoded. What is left of the message behind a limit or a coded body stays unread.
+// decoded. What is left of the message behind a limit stays unread, and so do more than 4096 bytes
+// behind a coded body.
 //
 // Throws as readResponseContent does, and orrery::StreamException "Error processing response
 // stream: I/O error" where the body ended before its announced end.

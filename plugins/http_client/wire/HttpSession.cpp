@@ -161,13 +161,19 @@ void HttpSession::endExchange(Leftover leftover) {
   if (_state != State::Answered) return;
   _body.settle();
   if (!_body.complete() || _transmission.sending()) {
+    const std::size_t bound = bytesOf(leftover);
     std::optional<TimeLimits::Shortened> bounded;
-    _transmission.whenSent([&] { bounded.emplace(_limits, drainTime); });
-    skipBody(bytesOf(leftover));
+    _transmission.whenSent(
+        [&] { bounded.emplace(_limits, leavesTooMuch(bound) ? drainTime.zero() : drainTime); });
+    skipBody(bound);
     if (_body.complete() && !_transmission.flush()) _keeps = false;
     _transmission.stop();
   }
   if (!_body.complete() || !_input.empty() || _transmission.failure()) _keeps = false;
+}
+
+bool HttpSession::leavesTooMuch(std::size_t bound) const noexcept {
+  return bound == 0 || _body.announcedRest() > static_cast<std::int64_t>(bound);
 }
 
 // Bytes that come while the request is still being sent do not count: the server may need to get
@@ -175,8 +181,7 @@ void HttpSession::endExchange(Leftover leftover) {
 void HttpSession::skipBody(std::size_t bound) {
   while (!_body.complete()) {
     const bool sent = !_transmission.sending();
-    const bool tooMuch = _body.announcedRest() > static_cast<std::int64_t>(bound);
-    if (sent && (bound == 0 || tooMuch)) return;
+    if (sent && leavesTooMuch(bound)) return;
     const std::size_t skipped = _body.skipSome();
     if (skipped == 0) return;
     if (sent) bound -= std::min(bound, skipped);

@@ -111,6 +111,8 @@ class HttpSession {
   void receiveHead();
   void endExchange(Leftover leftover);
   void skipBody(std::size_t bound);
+  // Of the response, for what may be read past.
+  bool leavesTooMuch(std::size_t bound) const noexcept;
 
   const Route _route;
   const std::string _answerer;  // begins the sentences about an answer: "The server"

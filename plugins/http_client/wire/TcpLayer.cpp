@@ -56,6 +56,7 @@ void TcpLayer::connect() {
     const TimeLimits::Deadline share = now + (end - now) / left--;
     try {
       _socket = connectTo(address, share);
+      _ended = false;
       return;
     } catch (const Poco::Exception&) {
       if (!first) first = std::current_exception();
@@ -106,6 +107,7 @@ std::optional<std::size_t> TcpLayer::receive(char* data, std::size_t size, Wait 
   for (;;) {
     if (timed) awaitOrThrow(POLLIN, " sent nothing within the time-out");
     const ssize_t count = ::recv(_socket.descriptor(), data, size, flags);
+    _ended = count == 0;
     if (count >= 0) return static_cast<std::size_t>(count);
     if (errno == EINTR || (timed && wouldBlock(errno))) continue;
     if (!wouldBlock(errno)) socketFailure(errno, "receiving from " + _peer);
@@ -114,8 +116,10 @@ std::optional<std::size_t> TcpLayer::receive(char* data, std::size_t size, Wait 
   }
 }
 
+// The end of the stream stays readable: nobody may wait for it again.
 void TcpLayer::awaitEither() {
-  awaitOrThrow(POLLIN | POLLOUT, " took no data within the time-out");
+  constexpr short either = POLLIN | POLLOUT;
+  awaitOrThrow(_ended ? POLLOUT : either, " took no data within the time-out");
 }
 
 void TcpLayer::awaitOrThrow(short events, const char* otherwise) const {

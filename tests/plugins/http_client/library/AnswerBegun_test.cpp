@@ -13,15 +13,29 @@ namespace {
 
 using std::string_literals::operator""s;
 
-constexpr const char* inTheBody = "Error processing response stream: ";
-constexpr const char* anything = "";
+constexpr const char* notHttp = "Malformed message: The server's answer is not HTTP";
+constexpr const char* tooLarge = "Malformed message: The response head is too large";
+constexpr const char* endsInTheHead =
+    "Malformed message: The server closed the connection within the response head";
+constexpr const char* tooManyInterim =
+    "Malformed message: The server sent too many interim responses";
+constexpr const char* resetByPeer = "Connection reset by peer: receiving from the server";
+
+std::string badStatusLine(const std::string& line) {
+  return "Malformed message: Malformed status line in the response: " + line;
+}
+// Of the first line behind the status line.
+std::string badHeaderLine(const std::string& why) {
+  return "Malformed message: Malformed header line 1 in the response: " + why;
+}
+std::string badField(const std::string& what) { return "Malformed message: " + what; }
 
 enum class Ending { StaysOpen, Closes, Resets };
 
 // An answer that goes wrong after its first byte.
 struct Wrong {
   const char* name;
-  const char* text;  // how the error begins
+  std::string text;  // of the error
   std::string bytes;
   Ending ending = Ending::StaysOpen;
 };
@@ -38,9 +52,15 @@ ScriptedServer::Script sending(const Wrong& wrong) {
   };
 }
 
+void expectErrorText(const Answer& answer, const std::string& text) {
+  expectError(answer, text);
+  EXPECT_EQ(answer.reason(), text);
+}
+
 // The request arrived once, over one connection, and its one answer says what was wrong.
 void expectSentOnce(PluginUnderTest& plugin, const ScriptedServer& server, const Wrong& wrong) {
-  expectError(plugin.request(Request("POST", "/x").body("once")), wrong.text);
+  expectErrorText(plugin.request(Request("POST", "/x").body("once")), wrong.text);
+  EXPECT_EQ(server.request(0).body, "once");
   EXPECT_EQ(plugin.statusItem(".status"), "FAILED");
   EXPECT_FALSE(plugin.log().contains(retryLine));
   // Whatever was still to come has come.
@@ -74,7 +94,7 @@ TEST_P(AnswerBegun, RequestIsNotSentAgainOnAKeptConnection) {
   });
   PluginUnderTest plugin(oneClient(server.port()));
   EXPECT_EQ(plugin.request(Request("GET", "/first").id(2)).status(), 200);
-  expectError(plugin.request(Request("POST", "/x").body("once")), GetParam().text);
+  expectErrorText(plugin.request(Request("POST", "/x").body("once")), GetParam().text);
   plugin.shutdown();
   EXPECT_EQ(server.requestCount(), 2U);
   EXPECT_EQ(server.connectionCount(), 1U);
@@ -96,53 +116,72 @@ std::string manyInterimResponses() {
 INSTANTIATE_TEST_SUITE_P(
     HeadThatIsMalformed, AnswerBegun,
     ::testing::Values(
-        Wrong{"OfAnotherProtocol", malformed, "SSH-2.0-OpenSSH\r\n\r\n"},
-        Wrong{"OfBinaryData", malformed, "\x4A\x00\x00\x00\x0A\xFF\xFE\x80\r\n\r\n"s},
-        Wrong{"WithAStatusOfTwoDigits", malformed, emptyUnder("HTTP/1.1 20 OK")},
-        Wrong{"WithAStatusBelowHundred", malformed, emptyUnder("HTTP/1.1 099 X")},
-        Wrong{"WithBytesBeyondAsciiForAStatus", malformed, emptyUnder("HTTP/1.1 \xE9\xE9\xE9 X")},
-        Wrong{"WithAnotherVersion", malformed, emptyUnder("HTTP/2 200")},
-        Wrong{"WithALineWithoutColon", malformed, empty("nothing of the kind\r\n")},
-        Wrong{"WithANameThatIsNoToken", malformed, empty("caf\xE9: b\r\n")},
-        Wrong{"WithABlankBeforeTheColon", malformed, empty("X-A : b\r\n")},
-        Wrong{"WithANul", malformed, empty("X-A: \0\r\n"s)},
-        Wrong{"WithACarriageReturnAlone", malformed, empty("X-A: a\rb\r\n")},
-        Wrong{"WithAContinuedStatusLine", malformed, empty(" X-A: b\r\n")},
-        Wrong{"BehindTooManyEmptyLines", malformed, std::string(17, '\n') + empty("")},
-        Wrong{"BehindTooManyInterimResponses", malformed, manyInterimResponses() + empty("")},
-        Wrong{"BehindAnInterimResponse", malformed,
+        Wrong{"OfAnotherProtocol", notHttp, "SSH-2.0-OpenSSH\r\n\r\n"},
+        Wrong{"OfBinaryData", notHttp, "\x4A\x00\x00\x00\x0A\xFF\xFE\x80\r\n\r\n"s},
+        Wrong{"WithAStatusOfTwoDigits", badStatusLine("HTTP/1.1 20 OK"),
+              emptyUnder("HTTP/1.1 20 OK")},
+        Wrong{"WithAStatusBelowHundred", badStatusLine("HTTP/1.1 099 X"),
+              emptyUnder("HTTP/1.1 099 X")},
+        Wrong{"WithBytesBeyondAsciiForAStatus", badStatusLine("HTTP/1.1 \u00e9\u00e9\u00e9 X"),
+              emptyUnder("HTTP/1.1 \xE9\xE9\xE9 X")},
+        Wrong{"WithAnotherVersion", notHttp, emptyUnder("HTTP/2 200")},
+        Wrong{"WithALineWithoutColon", badHeaderLine("no colon"), empty("nothing of the kind\r\n")},
+        Wrong{"WithANameThatIsNoToken", badHeaderLine("no field name"), empty("caf\xE9: b\r\n")},
+        Wrong{"WithABlankBeforeTheColon", badHeaderLine("no field name"), empty("X-A : b\r\n")},
+        Wrong{"WithANul", badHeaderLine("a control character"), empty("X-A: \0\r\n"s)},
+        Wrong{"WithACarriageReturnAlone", badHeaderLine("a control character"),
+              empty("X-A: a\rb\r\n")},
+        Wrong{"WithAContinuedStatusLine", badHeaderLine("nothing to continue"),
+              empty(" X-A: b\r\n")},
+        Wrong{"BehindTooManyEmptyLines", notHttp, std::string(17, '\n') + empty("")},
+        Wrong{"BehindTooManyInterimResponses", tooManyInterim, manyInterimResponses() + empty("")},
+        Wrong{"BehindAnInterimResponse", notHttp,
               "HTTP/1.1 100 Continue\r\n\r\nnonsense\r\n\r\n"s + empty("")},
-        Wrong{"ThatIsTooLarge", malformed, fields("X: " + std::string(300'000, 'x') + "\r\n")},
-        Wrong{"ThatIsTooLargeAndGoesOn", malformed, "HTTP/1.1 200 " + std::string(300'000, 'x')},
-        Wrong{"WithALengthThatIsNoNumber", malformed, fields("Content-Length: abc\r\n")},
-        Wrong{"WithALengthWithoutNumber", malformed, fields("Content-Length:\r\n")},
-        Wrong{"WithANegativeLength", malformed, fields("Content-Length: -1\r\n")},
-        Wrong{"WithALengthBeyondCounting", malformed,
+        Wrong{"ThatIsTooLarge", tooLarge, fields("X: " + std::string(300'000, 'x') + "\r\n")},
+        Wrong{"ThatIsTooLargeAndGoesOn", tooLarge, "HTTP/1.1 200 " + std::string(300'000, 'x')},
+        Wrong{"WithALengthThatIsNoNumber",
+              badField("Malformed Content-Length in the response: abc"),
+              fields("Content-Length: abc\r\n")},
+        Wrong{"WithALengthWithoutNumber", badField("Malformed Content-Length in the response: "),
+              fields("Content-Length:\r\n")},
+        Wrong{"WithANegativeLength", badField("Malformed Content-Length in the response: -1"),
+              fields("Content-Length: -1\r\n")},
+        Wrong{"WithALengthBeyondCounting",
+              badField("Malformed Content-Length in the response: 99999999999999999999"),
               fields("Content-Length: 99999999999999999999\r\n")},
-        Wrong{"WithContradictoryLengths", malformed,
+        Wrong{"WithContradictoryLengths",
+              badField("Contradictory Content-Length in the response: 1, 2"),
               fields("Content-Length: 1\r\nContent-Length: 2\r\n")},
-        Wrong{"WithContradictoryLengthsInOneLine", malformed, fields("Content-Length: 1, 2\r\n")},
-        Wrong{"WithAnUnsupportedTransferCoding", malformed, fields("Transfer-Encoding: gzip\r\n")},
-        Wrong{"WithATransferCodingMore", malformed, fields("Transfer-Encoding: gzip, chunked\r\n")},
-        Wrong{"WithChunksWithinChunks", malformed,
+        Wrong{"WithContradictoryLengthsInOneLine",
+              badField("Contradictory Content-Length in the response: 1, 2"),
+              fields("Content-Length: 1, 2\r\n")},
+        Wrong{"WithAnUnsupportedTransferCoding",
+              badField("Unsupported Transfer-Encoding in the response: gzip"),
+              fields("Transfer-Encoding: gzip\r\n")},
+        Wrong{"WithATransferCodingMore",
+              badField("Unsupported Transfer-Encoding in the response: gzip, chunked"),
+              fields("Transfer-Encoding: gzip, chunked\r\n")},
+        Wrong{"WithChunksWithinChunks",
+              badField("Unsupported Transfer-Encoding in the response: chunked, chunked"),
               fields("Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n")}),
     nameOf);
 
 INSTANTIATE_TEST_SUITE_P(
     HeadThatBreaksOff, AnswerBegun,
     ::testing::Values(
-        Wrong{"AfterAByteAndTheEnd", malformed, "H", Ending::Closes},
-        Wrong{"AfterAByteAndAReset", anything, "H", Ending::Resets},
-        Wrong{"AfterAnEmptyLineAndTheEnd", anything, "\r\n", Ending::Closes},
-        Wrong{"WithinTheStatusLine", malformed, "HTTP/1.1 20", Ending::Closes},
-        Wrong{"WithinAField", malformed, "HTTP/1.1 200 OK\r\nContent-Le", Ending::Closes},
-        Wrong{"WithinAFieldByAReset", anything, "HTTP/1.1 200 OK\r\nContent-Le", Ending::Resets},
-        Wrong{"BeforeTheEmptyLine", malformed, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n",
+        Wrong{"AfterAByteAndTheEnd", endsInTheHead, "H", Ending::Closes},
+        Wrong{"AfterAByteAndAReset", resetByPeer, "H", Ending::Resets},
+        Wrong{"AfterAnEmptyLineAndTheEnd", endsInTheHead, "\r\n", Ending::Closes},
+        Wrong{"WithinTheStatusLine", endsInTheHead, "HTTP/1.1 20", Ending::Closes},
+        Wrong{"WithinAField", endsInTheHead, "HTTP/1.1 200 OK\r\nContent-Le", Ending::Closes},
+        Wrong{"WithinAFieldByAReset", resetByPeer, "HTTP/1.1 200 OK\r\nContent-Le", Ending::Resets},
+        Wrong{"BeforeTheEmptyLine", endsInTheHead, "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n",
               Ending::Closes},
-        Wrong{"AfterAnInterimResponse", anything, "HTTP/1.1 100 Continue\r\n\r\n", Ending::Closes},
-        Wrong{"AfterAnInterimResponseByAReset", anything, "HTTP/1.1 103 Early Hints\r\n\r\n",
+        Wrong{"AfterAnInterimResponse", endsInTheHead, "HTTP/1.1 100 Continue\r\n\r\n",
+              Ending::Closes},
+        Wrong{"AfterAnInterimResponseByAReset", resetByPeer, "HTTP/1.1 103 Early Hints\r\n\r\n",
               Ending::Resets},
-        Wrong{"AfterAnInterimResponseWithinTheNext", malformed,
+        Wrong{"AfterAnInterimResponseWithinTheNext", endsInTheHead,
               "HTTP/1.1 100 Continue\r\n\r\nHTTP/1.1 2", Ending::Closes}),
     nameOf);
 
@@ -158,6 +197,12 @@ std::string corrupted(std::string bytes) {
 }
 
 std::string longGzip() { return gzip(noise(3000)); }
+std::string zlib() { return compressed(noise(3000), Poco::DeflatingStreamBuf::STREAM_ZLIB); }
+// The whole content in one chunk; the last chunk is missing.
+std::string codedChunk(const char* coding, const std::string& body) {
+  return fields("Content-Encoding: "s + coding + "\r\nTransfer-Encoding: chunked\r\n") +
+         chunk(body);
+}
 
 INSTANTIATE_TEST_SUITE_P(
     Body, AnswerBegun,
@@ -173,22 +218,32 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{"ResetWithinAChunk", broken, chunked("5\r\nabc"), Ending::Resets},
         Wrong{"CutWithinTheTrailers", cutShort, chunked("3\r\nabc\r\n0\r\nT: v\r\n"),
               Ending::Closes},
-        Wrong{"WithAChunkSizeThatIsNoNumber", inTheBody, chunked("zz\r\nabc\r\n0\r\n\r\n")},
-        Wrong{"WithANegativeChunkSize", inTheBody, chunked("-3\r\nabc\r\n0\r\n\r\n")},
-        Wrong{"WithAChunkSizeWithASign", inTheBody, chunked("+3\r\nabc\r\n0\r\n\r\n")},
-        Wrong{"WithoutAChunkSize", inTheBody, chunked("\r\nabc\r\n0\r\n\r\n")},
-        Wrong{"WithAChunkSizeBeyondCounting", inTheBody,
+        Wrong{"WithAChunkSizeThatIsNoNumber", cutShort, chunked("zz\r\nabc\r\n0\r\n\r\n")},
+        Wrong{"WithANegativeChunkSize", cutShort, chunked("-3\r\nabc\r\n0\r\n\r\n")},
+        Wrong{"WithAChunkSizeWithASign", cutShort, chunked("+3\r\nabc\r\n0\r\n\r\n")},
+        Wrong{"WithoutAChunkSize", cutShort, chunked("\r\nabc\r\n0\r\n\r\n")},
+        Wrong{"WithAChunkSizeBeyondCounting", cutShort,
               chunked("FFFFFFFFFFFFFFFFF\r\nabc\r\n0\r\n\r\n")},
-        Wrong{"WithAChunkThatIsTooLong", inTheBody, chunked("3\r\nabcdef\r\n0\r\n\r\n")},
-        Wrong{"WithAChunkLineThatIsTooLong", inTheBody,
+        Wrong{"WithAChunkThatIsTooLong", cutShort, chunked("3\r\nabcdef\r\n0\r\n\r\n")},
+        Wrong{"WithAChunkLineThatIsTooLong", cutShort,
               chunked("3;" + std::string(20'000, 'x') + "\r\nabc\r\n0\r\n\r\n")},
-        Wrong{"WithTrailersThatAreTooLarge", inTheBody,
+        Wrong{"WithTrailersThatAreTooLarge", cutShort,
               chunked("3\r\nabc\r\n0\r\nT: " + std::string(70'000, 'x') + "\r\n\r\n")},
         Wrong{"ThatIsNoGzip", broken, coded("gzip", "this is no gzip at all")},
         Wrong{"OfCorruptGzip", broken, coded("gzip", corrupted(longGzip()))},
-        Wrong{"OfCorruptDeflate", inTheBody, coded("deflate", "\x78\x9C\xFF\xFF\xFF\xFF\xFF\xFF")},
+        Wrong{"OfCorruptDeflate", broken, coded("deflate", "\x78\x9C\xFF\xFF\xFF\xFF\xFF\xFF")},
         Wrong{"OfGzipThatEndsEarly", cutShort, coded("gzip", longGzip().substr(0, 500))},
-        Wrong{"OfGzipThatIsCut", inTheBody, coded("gzip", longGzip()).substr(0, 500),
+        Wrong{"OfDeflateThatIsCut", cutShort, coded("deflate", zlib()).substr(0, 500),
+              Ending::Closes},
+        Wrong{"OfDeflateThatIsReset", broken, coded("deflate", zlib()).substr(0, 500),
+              Ending::Resets},
+        Wrong{"OfGzipWithoutTheLastChunk", cutShort, codedChunk("gzip", longGzip()),
+              Ending::Closes},
+        Wrong{"OfDeflateWithoutTheLastChunk", cutShort, codedChunk("deflate", zlib()),
+              Ending::Closes},
+        Wrong{"OfDeflateWithoutTheLastChunkThatIsReset", broken, codedChunk("deflate", zlib()),
+              Ending::Resets},
+        Wrong{"OfGzipThatIsCut", cutShort, coded("gzip", longGzip()).substr(0, 500),
               Ending::Closes},
         Wrong{"OfGzipThatIsReset", broken, coded("gzip", longGzip()).substr(0, 500),
               Ending::Resets}),
@@ -201,7 +256,8 @@ TEST(AnswerBegunAndStopped, IsATimeOutAndNotSentAgain) {
        {"H", "\r\n", "HTTP/1.1 100 Continue\r\n\r\n", "HTTP/1.1 200 OK\r\nX-A"}) {
     ScriptedServer server(sending({"", "", begun}));
     PluginUnderTest plugin(Config(server.port()).timeoutSecs(1));
-    expectError(plugin.request(Request("POST", "/x").body("once")), "Timeout");
+    expectErrorText(plugin.request(Request("POST", "/x").body("once")),
+                    "Timeout: The server sent nothing within the time-out");
     plugin.shutdown();
     EXPECT_EQ(server.requestCount(), 1U) << begun;
     EXPECT_EQ(server.connectionCount(), 1U) << begun;

@@ -12,6 +12,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "tests/plugins/http_client/TransportParts.hpp"
+#include "tests/plugins/http_client/unit/request/BodyBytes.hpp"
 
 namespace connectivity::plugins {
 namespace {
@@ -20,12 +21,6 @@ using test_support::mapValue;
 using test_support::Request;
 
 constexpr const char* urlEncoded = "application/x-www-form-urlencoded";
-
-std::string bytesOf(const RequestBody& body) {
-  std::string bytes;
-  for (const std::string_view piece : body.pieces()) bytes += piece;
-  return bytes;
-}
 
 std::string inflated(const std::string& bytes, Poco::InflatingStreamBuf::StreamType type) {
   std::istringstream input(bytes);

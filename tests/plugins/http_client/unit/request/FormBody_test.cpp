@@ -10,6 +10,7 @@
 
 #include "connectivity/data_t.hpp"
 #include "plugins/http_client/request/Refusal.hpp"
+#include "tests/plugins/http_client/unit/request/BodyBytes.hpp"
 #include "tests/support/Messages.hpp"
 
 namespace connectivity::plugins {
@@ -23,12 +24,6 @@ using test_support::textValue;
 constexpr const char* noFileName =
     "Can't find filename in the form metadata. Data will be send as a string not as a binary "
     "payload";
-
-std::string bytesOf(const RequestBody& body) {
-  std::string bytes;
-  for (const std::string_view piece : body.pieces()) bytes += piece;
-  return bytes;
-}
 
 // A form, as a request holds it.
 class Form {

@@ -8,16 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "connectivity/value_access.hpp"
+#include "tests/plugins/http_client/unit/request/BodyBytes.hpp"
 #include "tests/support/Messages.hpp"
 
 namespace connectivity::plugins {
 namespace {
-
-std::string bytesOf(const RequestBody& body) {
-  std::string bytes;
-  for (const std::string_view piece : body.pieces()) bytes += piece;
-  return bytes;
-}
 
 TEST(RequestBody, OfNoneHasNoFraming) {
   const RequestBody body = RequestBody::none();

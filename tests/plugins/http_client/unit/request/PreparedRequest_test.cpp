@@ -177,6 +177,7 @@ TEST_F(Head, ForAnotherServerHasNothingThatIsMeantForTheConfiguredOne) {
   for (const char* name : {"Authorization", "authorization", "Cookie", "cookie", "host"}) {
     EXPECT_EQ(values(text, name), Values()) << name;
   }
+  EXPECT_EQ(values(head(get(), elsewhere()), "Authorization"), Values());
   EXPECT_EQ(values(text, "Host"), Values{"other.test"});
   EXPECT_EQ(values(text, "x-else"), Values{"goes"});
 }

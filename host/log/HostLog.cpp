@@ -11,6 +11,7 @@
 #include <spdlog/pattern_formatter.h>
 
 #include "host/log/RepeatedLines.hpp"
+#include "orrery/runtime/Utf8.hpp"
 
 namespace host {
 
@@ -56,27 +57,6 @@ std::unique_ptr<spdlog::formatter> makeFormatter() {
   auto formatter = std::make_unique<spdlog::pattern_formatter>(spdlog::pattern_time_type::utc);
   formatter->add_flag<LevelName>('*').set_pattern("%Y-%m-%dT%H:%M:%S.%eZ %* [%n] %v");
   return formatter;
-}
-
-std::string escaped(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (const char character : text) {
-    const auto byte = static_cast<unsigned char>(character);
-    if (byte >= 0x20 && byte != 0x7F) {
-      out += character;
-    } else if (character == '\n') {
-      out += "\\n";
-    } else if (character == '\t') {
-      out += '\t';
-    } else {
-      constexpr std::string_view hexDigits = "0123456789abcdef";
-      out += "\\x";
-      out += hexDigits[byte >> 4U];
-      out += hexDigits[byte & 15U];
-    }
-  }
-  return out;
 }
 
 }  // namespace
@@ -171,7 +151,7 @@ int HostLog::levelOf(std::string_view category) const {
 
 void HostLog::write(const std::string& category, int level, std::string_view text) {
   if (level > levelOf(category)) return;
-  _sink->take({category, level, escaped(text), {}});
+  _sink->take({category, level, runtime::withoutControls(text), {}});
 }
 
 void HostLog::writeRaw(std::string_view line) { _sink->writeRaw(line); }

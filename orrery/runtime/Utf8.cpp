@@ -43,6 +43,37 @@ std::size_t asciiPrefix(std::string_view text) noexcept {
   return i;
 }
 
+void appendHex(std::string& to, std::uint8_t byte) {
+  constexpr std::string_view digits = "0123456789abcdef";
+  to += digits[byte >> 4U];
+  to += digits[byte & 0xFU];
+}
+
+bool isAsciiControl(char c) noexcept { return static_cast<std::uint8_t>(c) < 0x20 || c == '\x7F'; }
+
+void appendAsciiControl(std::string& to, char control) {
+  switch (control) {
+    case '\n':
+      to += "\\n";
+      return;
+    case '\r':
+      to += "\\r";
+      return;
+    case '\t':
+      to += "\\t";
+      return;
+    default:
+      to += "\\x";
+      appendHex(to, static_cast<std::uint8_t>(control));
+  }
+}
+
+// U+0080 to U+009F: C2 and the character's number. C2 is never the second byte of a character.
+bool beginsC1(std::string_view text) noexcept {
+  return text.size() > 1 && byteAt(text, 0) == 0xC2 && byteAt(text, 1) >= 0x80 &&
+         byteAt(text, 1) <= 0x9F;
+}
+
 }  // namespace
 
 std::size_t utf8SequenceLength(std::string_view text) noexcept {
@@ -63,6 +94,22 @@ bool isUtf8(std::string_view text) noexcept {
     text.remove_prefix(length);
   }
   return true;
+}
+
+std::string withoutControls(std::string_view text) {
+  std::string clean;
+  clean.reserve(text.size());
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    if (isAsciiControl(text[i])) {
+      appendAsciiControl(clean, text[i]);
+    } else if (beginsC1(text.substr(i))) {
+      clean += "\\u00";
+      appendHex(clean, byteAt(text, ++i));
+    } else {
+      clean += text[i];
+    }
+  }
+  return clean;
 }
 
 }  // namespace runtime

@@ -14,6 +14,7 @@
 #include "connectivity/qor_plugin.h"
 #include "orrery/Platform.hpp"
 #include "orrery/runtime/Blocks.hpp"
+#include "orrery/runtime/Utf8.hpp"
 
 namespace runtime {
 
@@ -42,42 +43,6 @@ QOR_PRINTF(1, 0) std::string formatted(const char* format, std::va_list argument
     std::vsnprintf(text.data(), text.size() + 1, format, arguments);
   }
   return text;
-}
-
-bool isControl(char c) { return static_cast<unsigned char>(c) < 0x20 || c == '\x7F'; }
-
-void appendEscaped(std::string& to, char control) {
-  constexpr std::string_view hexDigits = "0123456789abcdef";
-  const auto code = static_cast<unsigned char>(control);
-  switch (control) {
-    case '\n':
-      to += "\\n";
-      return;
-    case '\r':
-      to += "\\r";
-      return;
-    case '\t':
-      to += "\\t";
-      return;
-    default:
-      to += "\\x";
-      to += hexDigits[code >> 4U];
-      to += hexDigits[code & 0xFU];
-  }
-}
-
-// Whatever a peer sent, one line stays one line and moves no terminal's cursor.
-std::string withoutControls(std::string_view text) {
-  std::string clean;
-  clean.reserve(text.size());
-  for (const char c : text) {
-    if (isControl(c)) {
-      appendEscaped(clean, c);
-    } else {
-      clean += c;
-    }
-  }
-  return clean;
 }
 
 // --- Standard error, where no host takes the lines

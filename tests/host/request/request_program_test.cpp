@@ -95,6 +95,18 @@ TEST(Request, WithoutAResponseSaysWhyOnStandardErrorAndExitsWith22) {
   EXPECT_THAT(json.output, HasSubstr("\"payload\":\"Connection refused: " + address + "\"}\n"));
 }
 
+TEST(Request, WritesOutControlCharactersOfAServersTextOnStandardError) {
+  ScriptedServer server([](test_support::Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 20 \x1B[2J\x9B\r\n\r\n");
+  });
+  const Outcome outcome = request({"GET", urlOf(server, "/x")});
+  EXPECT_EQ(outcome.status, 22);
+  const std::string line = "Malformed status line in the response: HTTP/1.1 20 \\x1b[2J\\u009b";
+  EXPECT_THAT(outcome.errors, HasSubstr("Malformed message (" + line + ")\n"));  // the log's
+  EXPECT_THAT(outcome.errors, HasSubstr("orrery-host: Malformed message: " + line + "\n"));
+}
+
 TEST(Request, SendsHeadersAndDataInTheOrderGiven) {
   ScriptedServer server;
   server.answer("/x", {200, {{"Content-Type", "text/plain"}}, ""});

@@ -48,5 +48,15 @@ TEST(Utf8, TellsTheLengthOfTheSequenceAtTheFront) {
   EXPECT_EQ(utf8SequenceLength("\xC3z"), 0U);
 }
 
+TEST(Utf8, WritesOutEveryControlCharacterAndNothingElse) {
+  EXPECT_EQ(withoutControls(""), "");
+  EXPECT_EQ(withoutControls("one\r\ntwo\t\x1B[2J\x01\x7F"), "one\\r\\ntwo\\t\\x1b[2J\\x01\\x7f");
+  EXPECT_EQ(withoutControls("\xC2\x80 \xC2\x9B \xC2\x9F"), "\\u0080 \\u009b \\u009f");
+  // A no-break space, letters whose second byte is one of C1's, and what is no UTF-8.
+  for (const char* text : {"\xC2\xA0", "\xC3\x9B", "\xE2\x82\x9B", "\x9B", "\xC2", "a\\n"}) {
+    EXPECT_EQ(withoutControls(text), text);
+  }
+}
+
 }  // namespace
 }  // namespace runtime

@@ -2,6 +2,7 @@
 // the transport.
 #include <functional>
 #include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +14,7 @@
 #include "tests/docs/Sandbox.hpp"
 #include "tests/docs/Values.hpp"
 #include "tests/support/Certificates.hpp"
+#include "tests/support/Descriptor.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedProxy.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -25,6 +27,7 @@ using connectivity::map_t;
 using test_support::Answer;
 using test_support::base64;
 using test_support::CertificateAuthority;
+using test_support::CertificateFiles;
 using test_support::Config;
 using test_support::PluginUnderTest;
 using test_support::RecordedRequest;
@@ -41,10 +44,22 @@ std::string chainFileWith(const std::string& example) {
   return "chains: [{id: docs, name: docs, transport: HTTPClient, config: {" + config + "}}]\n";
 }
 
+// The files that the page's examples name. The client's certificate is for this common name.
+constexpr const char* clientName = "the client";
+
+void writeClientFiles(const Sandbox& sandbox, CertificateAuthority& authority) {
+  const CertificateFiles client = authority.issue({.commonName = clientName});
+  sandbox.write("client.pem", test_support::readFile(client.certificate));
+  sandbox.write("client.key", test_support::readFile(client.key));
+  sandbox.write("locked.key", test_support::readFile(authority.encrypted(client, "s3cret").key));
+  sandbox.write("other.key", test_support::readFile(authority.issue().key));
+}
+
 TEST(ConfigurationTable, ExamplesAreAcceptedByTheProgram) {
   const Sandbox sandbox;
-  const CertificateAuthority authority;
+  CertificateAuthority authority;
   sandbox.write("ca.pem", test_support::readFile(authority.caFile()));
+  writeClientFiles(sandbox, authority);
   for (const auto* rows : {&optionRows(), &olderSpellingRows()}) {
     for (const Row& row : *rows) {
       for (const std::string& example : row.codes("example")) {
@@ -212,6 +227,52 @@ void expectCutEnd(const Effect& effect) {
   EXPECT_EQ(bigAnswer(effect).body(), std::string(1000, 'x') + "[TRUNCATED]");
 }
 
+// The server never ends its answer, however long each wait is.
+void expectDeadline(const Effect& effect) {
+  ScriptedServer server([](test_support::Connection& connection) {
+    connection.readRequest();
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nx");
+    connection.awaitPeerClose();
+  });
+  PluginUnderTest plugin(effect.config(server.port()));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).reason(), "Deadline exceeded");
+}
+
+void expectClientCertificate(const Effect& effect) {
+  const Sandbox sandbox;
+  CertificateAuthority authority;
+  writeClientFiles(sandbox, authority);
+  test_support::TlsOptions tls{authority.issue()};
+  tls.askForCertificate = true;
+  ScriptedServer server(tls);
+  server.answer("/x", {});
+  PluginUnderTest plugin(
+      effect.config(server.port()).set("tlsCertificateAuthorityFile", authority.caFile()));
+  const Answer answer = plugin.request(Request("GET", "/x"));
+  EXPECT_EQ(answer.status(), 200) << answer.reason();
+  ASSERT_EQ(server.clientHellos().size(), 1U);
+  EXPECT_EQ(server.clientHellos().front().certificate, clientName);
+}
+
+void expectFurtherMethods(const Effect& effect) {
+  ScriptedServer server;
+  server.answer("/x", {});
+  PluginUnderTest plugin(effect.config(server.port()));
+  std::istringstream methods(effect.text("additionalMethods"));
+  std::size_t accepted = 0;
+  for (std::string method; std::getline(methods >> std::ws, method, ','); ++accepted) {
+    EXPECT_EQ(plugin.request(Request(method.c_str(), "/x").body("a")).status(), 200) << method;
+    EXPECT_EQ(server.request(accepted).method, method);
+    EXPECT_EQ(server.request(accepted).body, "a");
+  }
+  EXPECT_GE(accepted, 2U);
+}
+
+void expectMark(const Effect& effect) {
+  PluginUnderTest plugin(effect.config(test_support::unusedPort()));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).text("http/failure"), "unreachable");
+}
+
 const std::map<std::string, std::function<void(const Effect&)>>& effects() {
   static const std::map<std::string, std::function<void(const Effect&)>> all{
       {"host", expectHostOnTheWire},
@@ -234,6 +295,12 @@ const std::map<std::string, std::function<void(const Effect&)>>& effects() {
       {"numClients", expectWorkers},
       {"maxResponseKB", expectLimit},
       {"maxResponsePolicy", expectCutEnd},
+      {"deadlineSecs", expectDeadline},
+      {"tlsClientCertificateFile", expectClientCertificate},
+      {"tlsClientKeyFile", expectClientCertificate},
+      {"tlsClientKeyPassword", expectClientCertificate},
+      {"additionalMethods", expectFurtherMethods},
+      {"markFailures", expectMark},
   };
   return all;
 }
@@ -255,6 +322,8 @@ TEST(ConfigurationTable, OlderSpellingsTakeTheSameEffect) {
 
 TEST(ConfigurationErrors, AreWhatTheProgramSays) {
   const Sandbox sandbox;
+  CertificateAuthority authority;
+  writeClientFiles(sandbox, authority);
   const Page& page = configurationPage();
   for (const Row& row : page.table("Errors").rows) {
     ASSERT_EQ(row.codes("example").size(), 1U) << row.place;

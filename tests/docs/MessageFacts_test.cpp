@@ -5,13 +5,16 @@
 #include <cctype>
 #include <optional>
 #include <regex>
+#include <set>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "connectivity/value_access.hpp"
 #include "host/messages/JsonReader.hpp"
 #include "host/messages/JsonWriter.hpp"
 #include "tests/docs/Markdown.hpp"
+#include "tests/docs/Texts.hpp"
 #include "tests/docs/Values.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -33,10 +36,11 @@ const Page& page() {
 
 // --- Failures ------------------------------------------------------------------------------------
 
-// Bytes with "\\r" and "\\n" written out.
+// Bytes with "\\r", "\\n" and "\\t" written out.
 std::string wireOf(const std::string& text) {
   std::string wire = std::regex_replace(text, std::regex(R"(\\r)"), "\r");
-  return std::regex_replace(wire, std::regex(R"(\\n)"), "\n");
+  wire = std::regex_replace(wire, std::regex(R"(\\n)"), "\n");
+  return std::regex_replace(wire, std::regex(R"(\\t)"), "\t");
 }
 
 std::string reasonAfter(const std::string& wire, const std::string& option) {
@@ -58,19 +62,26 @@ std::string reasonAfter(const std::string& wire, const std::string& option) {
   return answer.reason();
 }
 
+// Without what a library's exception is called: "Timeout: The server..." -> "The server...".
+std::string withoutKind(const std::string& text) {
+  static const std::regex kind("^[A-Z][A-Za-z]*( [A-Za-z]+)*: ");
+  return std::regex_replace(text, kind, "");
+}
+
 TEST(FailureTable, TextsAreTheAnswersToTheirExamples) {
-  const auto literals = literalsBelow({"plugins/http_client"});
+  auto literals = literalsBelow({"plugins/http_client"});
+  literals.emplace_back("Connection refused");  // the library's
   std::size_t provoked = 0;
   for (const Row& row : page().table("Failures").rows) {
     SCOPED_TRACE(row.place);
     std::string wire;
     std::string option;
     for (const std::string& code : row.codes("example")) {
-      (code.starts_with("HTTP/") ? wire : option) = code;
+      (code.find("\\r\\n") != std::string::npos ? wire : option) = code;
     }
     if (wire.empty() && option.empty()) {
-      if (row.name.find("…") == std::string::npos) {
-        EXPECT_NE(std::ranges::find(literals, row.name), literals.end()) << "no such text";
+      for (const std::string& text : row.codes("text")) {
+        EXPECT_TRUE(isQuotedFrom(literals, withoutKind(text))) << "no such text: " << text;
       }
       continue;
     }
@@ -78,7 +89,48 @@ TEST(FailureTable, TextsAreTheAnswersToTheirExamples) {
     EXPECT_TRUE(matches(reason, row.name)) << reason;
     ++provoked;
   }
-  EXPECT_GE(provoked, 7U);
+  EXPECT_GE(provoked, 15U);
+}
+
+// The marks, as the sources have them.
+TEST(KindTable, HasExactlyTheMarksOfTheTransport) {
+  static const std::regex mark("\\{FailureKind::[^}]*\"([A-Za-z]+)\"\\}");
+  std::set<std::string> real;
+  for (const std::string& source : sourcesBelow({"plugins/http_client/response"})) {
+    for (auto it = std::sregex_iterator(source.begin(), source.end(), mark);
+         it != std::sregex_iterator(); ++it) {
+      real.insert((*it)[1]);
+    }
+  }
+  std::set<std::string> documented;
+  for (const Row& row : page().table("Kinds of failure").rows) {
+    EXPECT_TRUE(documented.insert(row.name).second) << row.place << ": twice";
+    EXPECT_FALSE(row.text("what happened").empty()) << row.place;
+  }
+  EXPECT_EQ(documented, real);
+}
+
+// --- What counts as a response -------------------------------------------------------------------
+
+TEST(AcceptedTable, ExamplesAreDeliveredAsTheRowsSay) {
+  std::size_t checked = 0;
+  for (const Row& row : page().table("What counts as a response").rows) {
+    SCOPED_TRACE(row.place);
+    const std::string wire = wireOf(row.codes("the server sends").at(0));
+    ScriptedServer server([&](test_support::Connection& connection) {
+      connection.readRequest();
+      connection.send(wire);
+    });
+    PluginUnderTest plugin{Config(server.port())};
+    const Answer answer = plugin.request(test_support::Request("GET", "/"));
+    EXPECT_FALSE(answer.isError()) << answer.reason();
+    const data_t line = jsonOf(lineOf(answer.payload(), answer.metadata()));
+    const data_t expected = jsonOf(row.codes("the host receives").at(0));
+    EXPECT_TRUE(holds(*connectivity::get<map_t>(line).findText("metadata"), expected))
+        << host::toJson(line);
+    ++checked;
+  }
+  EXPECT_GE(checked, 8U);
 }
 
 // --- Values of lines and headers -----------------------------------------------------------------

@@ -7,6 +7,7 @@
 #include <regex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -15,6 +16,7 @@
 #include "tests/docs/Texts.hpp"
 #include "tests/docs/Values.hpp"
 #include "tests/support/Certificates.hpp"
+#include "tests/support/Descriptor.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -153,63 +155,140 @@ void sendRedirect(Connection& connection) {
   }
 }
 
+// More than the sockets' buffers hold.
+const std::string bigBody(20'000'000, 'x');
+
+struct Mishap {
+  ScriptedServer::Script script;
+  std::string body = "x";
+};
+
+// A script that answers a request with these bytes, and closes.
+ScriptedServer::Script sending(const std::string& bytes) {
+  return [bytes](Connection& connection) {
+    connection.readRequest();
+    connection.send(bytes);
+  };
+}
+
+void answerEarly(Connection& connection) {
+  connection.readHead();
+  connection.sendResponse(413, {}, "too much");
+}
+
 // What the server does with a connection, by what the table says that happens.
-const std::map<std::string, ScriptedServer::Script>& mishaps() {
-  static const std::map<std::string, ScriptedServer::Script> all{
-      {"the server closes the connection without an answer",
-       [](Connection& connection) { connection.readRequest(); }},
-      {"the connection is reset before the answer",
-       [](Connection& connection) {
+const std::map<std::string, Mishap>& mishaps() {
+  static const std::map<std::string, Mishap> all{
+      {"the server closes the connection without an answer", {sending("")}},
+      {"the connection is reset before the answer", {[](Connection& connection) {
          connection.readRequest();
          connection.reset();
-       }},
-      {"a time-out, of any kind",
-       [](Connection& connection) {
+       }}},
+      {"the connection breaks while the body is being sent",
+       {[](Connection& connection) {
+          connection.readHead();
+          connection.reset();
+        },
+        bigBody}},
+      {"a time-out, of any kind", {[](Connection& connection) {
          connection.readRequest();
          connection.awaitPeerClose();
-       }},
+       }}},
+      {"an interim response comes, and the connection closes",
+       {sending("HTTP/1.1 102 Processing\r\n\r\n")}},
+      {"the answer's head is malformed", {sending("HTTP/1.1 20 OK\r\n\r\n")}},
+      {"the answer's head breaks off", {sending("HTTP/1.1 200 OK\r\nContent-")}},
       {"the answer's body breaks off",
-       [](Connection& connection) {
-         connection.readRequest();
-         connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort");
-       }},
-      {"an answer with status 503",
-       [](Connection& connection) {
+       {sending("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort")}},
+      {"the answer is over its limit",
+       {sending("HTTP/1.1 200 OK\r\nContent-Length: 3000\r\n\r\n" + std::string(3000, 'x'))}},
+      {"an answer comes before the body is out",
+       {[](Connection& connection) {
+          answerEarly(connection);
+          connection.awaitPeerClose();
+        },
+        bigBody}},
+      {"an answer comes before the body is out, and then a reset",
+       {[](Connection& connection) {
+          answerEarly(connection);
+          connection.reset();
+        },
+        bigBody}},
+      {"an answer with status 503", {[](Connection& connection) {
          while (connection.readRequest()) connection.sendResponse(503);
-       }},
-      {"a redirect", sendRedirect},
+       }}},
+      {"a redirect", {sendRedirect}},
   };
   return all;
 }
 
-// How often the request for /x has been tried.
-std::size_t triesAfter(const std::string& mishap) {
-  if (mishap == "the certificate is refused") {
-    CertificateAuthority authority;
-    ScriptedServer server(test_support::TlsOptions{authority.issueSelfSigned()});
-    PluginUnderTest plugin(Config(server.port()).set("tls", true));
-    plugin.request(Request("POST", "/x").body("x"));
-    EXPECT_EQ(server.requestCount(), 0U);
-    return server.connectionCount();
-  }
-  if (mishap == "nobody listens, or the name is unknown") {
-    ScriptedServer server;
-    server.stop();
-    PluginUnderTest plugin{Config(server.port())};
-    plugin.request(Request("POST", "/x").body("x"));
-    return 1 + plugin.log().count("will retry once");
-  }
-  ScriptedServer server(mishaps().at(mishap));
-  PluginUnderTest plugin(Config(server.port()).timeoutSecs(1));
+std::size_t connectionsOfProxy(const ScriptedServer::Script& script) {
+  ScriptedServer proxy(script);
+  PluginUnderTest plugin(Config(443).host("localhost").set("tls", true).proxy(proxy.port()));
+  EXPECT_TRUE(plugin.request(Request("POST", "/x").body("x")).isError());
+  return proxy.connectionCount();
+}
+
+std::size_t triesOverTls(ScriptedServer::Script script, const CertificateFiles& certificate,
+                         CertificateAuthority& authority) {
+  ScriptedServer server(std::move(script), test_support::TlsOptions{certificate});
+  PluginUnderTest plugin(Config(server.port()).tls(authority.caFile()));
+  EXPECT_TRUE(plugin.request(Request("POST", "/x").body("x")).isError());
+  EXPECT_TRUE(server.handshakeFailures() > 0 || server.requestCount() == server.connectionCount());
+  return server.connectionCount();
+}
+
+std::size_t triesWhereNobodyListens() {
+  PluginUnderTest plugin{Config(test_support::unusedPort())};
   plugin.request(Request("POST", "/x").body("x"));
+  return 1 + plugin.log().count("will retry once");
+}
+
+std::size_t triesUnder(const Config& config, ScriptedServer& server, const std::string& body) {
+  PluginUnderTest plugin(config);
+  plugin.request(Request("POST", "/x").body(body));
   return static_cast<std::size_t>(
       std::ranges::count(server.requests(), "/x", &test_support::RecordedRequest::target));
+}
+
+// How often the request for /x has been tried.
+std::size_t triesAfter(const std::string& mishap) {
+  CertificateAuthority authority;
+  if (mishap == "the certificate is refused") {
+    return triesOverTls(sending(""), authority.issueExpired(), authority);
+  }
+  if (mishap == "TLS breaks off before the answer") {
+    const auto drop = [](Connection& connection) {
+      connection.readRequest();
+      connection.closeWithoutNotify();
+    };
+    return triesOverTls(drop, authority.issue(), authority);
+  }
+  if (mishap == "the proxy closes the connection without an answer to `CONNECT`") {
+    return connectionsOfProxy([](Connection& connection) { connection.readHead(); });
+  }
+  if (mishap == "the proxy refuses a tunnel") {
+    return connectionsOfProxy([](Connection& connection) {
+      connection.readHead();
+      connection.sendResponse(403);
+    });
+  }
+  if (mishap == "nobody listens, or the name is unknown") return triesWhereNobodyListens();
+  if (mishap == "the deadline passes") {
+    ScriptedServer server(mishaps().at("a time-out, of any kind").script);
+    return triesUnder(Config(server.port()).set("deadlineSecs", 1), server, "x");
+  }
+  const Mishap& found = mishaps().at(mishap);
+  ScriptedServer server(found.script);
+  return triesUnder(Config(server.port()).timeoutSecs(1).set("maxResponseKB", 2), server,
+                    found.body);
 }
 
 TEST(TriesTable, CountsHowOftenARequestIsSent) {
   for (const Row& row : page().table("What may be sent twice").rows) {
     SCOPED_TRACE(row.place + row.text("what happens"));
     EXPECT_EQ(std::to_string(triesAfter(row.text("what happens"))), row.text("tries").substr(0, 1));
+    EXPECT_FALSE(row.text("what the server may have seen").empty());
   }
 }
 

@@ -17,14 +17,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <new>
 #include <optional>
 #include <stdexcept>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "orrery/Mutex.hpp"
+#include "plugins/http_client/dispatch/LaneElement.hpp"
 
 namespace connectivity::plugins {
 
@@ -33,86 +32,6 @@ class QueueTerminated : public std::runtime_error {
  public:
   QueueTerminated() : std::runtime_error("This queue has been terminated") {}
 };
-
-namespace affinityqueue_details {
-
-// Links one element into one lane; points at itself while it is on none. A lane is a ring of them
-// around its head.
-struct LinkPair {
-  LinkPair* next = this;
-  LinkPair* previous = this;
-  void* element = nullptr;  // the element it belongs to; null for a lane's head
-
-  explicit LinkPair(void* owner = nullptr) noexcept : element(owner) {}
-  LinkPair(const LinkPair&) = delete;
-  LinkPair& operator=(const LinkPair&) = delete;
-  ~LinkPair() = default;
-
-  bool isAlone() const noexcept { return next == this; }
-  void appendTo(LinkPair& head) noexcept {
-    next = &head;
-    previous = head.previous;
-    previous->next = this;
-    head.previous = this;
-  }
-  void unlink() noexcept {
-    previous->next = next;
-    next->previous = previous;
-    next = previous = this;
-  }
-};
-
-// A queued value and its link pairs, in one block: as many pairs as lanes that it stands on.
-template <typename Value>
-class Element {
- public:
-  struct Destroy {
-    void operator()(Element* element) const noexcept {
-      element->~Element();
-      ::operator delete(element);
-    }
-  };
-  using Owner = std::unique_ptr<Element, Destroy>;
-
-  // Takes `given` over once the block is there, so that a failure leaves it with the caller.
-  template <typename Given>
-  static Owner create(std::uint32_t pairs, Given&& given) {
-    static_assert(std::is_nothrow_constructible_v<Value, Given&&>, "a value is lost by a throw");
-    void* block = ::operator new(sizeof(Element) + pairs * sizeof(LinkPair));
-    return Owner(new (block) Element(pairs, std::forward<Given>(given)));
-  }
-  // The analyzer does not see that an element leaves every lane before it is destroyed.
-  static Element* of(const LinkPair& pair) noexcept {
-    return static_cast<Element*>(pair.element);  // NOLINT(clang-analyzer-cplusplus.NewDelete)
-  }
-
-  Element(const Element&) = delete;
-  Element& operator=(const Element&) = delete;
-
-  LinkPair& pair(std::uint32_t index) noexcept { return *pairAt(index); }
-  void unlink() noexcept {
-    for (std::uint32_t i = 0; i < _pairs; ++i) pair(i).unlink();
-  }
-
- private:
-  template <typename Given>
-  Element(std::uint32_t pairs, Given&& given) noexcept
-      : _pairs(pairs), value(std::forward<Given>(given)) {
-    for (std::uint32_t i = 0; i < pairs; ++i) new (pairAt(i)) LinkPair(this);
-  }
-  ~Element() = default;
-
-  LinkPair* pairAt(std::uint32_t index) noexcept {
-    return reinterpret_cast<LinkPair*>(this + 1) + index;
-  }
-
-  alignas(LinkPair) const std::uint32_t _pairs;  // so the pairs that follow are aligned
-
- public:
-  Value value;
-};
-
-}  // namespace affinityqueue_details
 
 template <typename Value, typename LoggerType>
 class AffinityQueue {
@@ -157,10 +76,10 @@ class AffinityQueue {
   std::uint32_t size() ORRERY_EXCLUDES(mutex);
 
  private:
-  using Element = affinityqueue_details::Element<Value>;
+  using Element = LaneElement<Value>;
   using Owner = typename Element::Owner;
   struct Lane {
-    affinityqueue_details::LinkPair head;
+    LinkPair head;
     std::uint32_t waiting = 0;  // consumers that sleep in front of this lane
   };
 
@@ -241,7 +160,7 @@ AffinityQueue<Value, LoggerType>::AffinityQueue(std::uint32_t consumers,
 template <typename Value, typename LoggerType>
 AffinityQueue<Value, LoggerType>::~AffinityQueue() {
   terminate();
-  affinityqueue_details::LinkPair dropped;
+  LinkPair dropped;
   {
     const orrery::AutoMutex lock(mutex);
     for (Lane& lane : lanes) {

@@ -110,10 +110,11 @@ void Exchange::prepareRetry(const char* kind, const Poco::Exception& failure) {
 
 void Exchange::attempt(const PreparedRequest& prepared, const request& req, Outcome& outcome) {
   HttpSession& session = _home.session();
-  _reached = Reached::Session;
+  _reached = std::max(_reached, Reached::Session);
   session.setDeadline(req.deadline);
   session.send({prepared.head, prepared.body->pieces(), req.hop.method == "HEAD",
                 prepared.tunnelAuthorization});
+  _reached = Reached::Connection;
   outcome.response.emplace();
   outcome.response->head = &session.receive();
   outcome.response->fromConfiguredServer = _home.atHome();
@@ -162,12 +163,13 @@ std::optional<FollowUp> Exchange::followUp(request& req, const Response& respons
 // REQUIRES: called from a catch handler.
 FailureKind Exchange::kindOfFailure() noexcept {
   HttpSession& session = _home.session();
+  const bool mayHaveBeenSent = _reached == Reached::Connection;
   try {
     throw;
   } catch (const RefusedRequest&) {
     return FailureKind::Refused;
   } catch (const TunnelRefused&) {
-    return FailureKind::TunnelRefused;
+    return mayHaveBeenSent ? FailureKind::NoAnswer : FailureKind::TunnelRefused;
   } catch (const ResponseLimitExceeded&) {
     return FailureKind::LimitExceeded;
   } catch (const DeadlineExceeded&) {
@@ -175,7 +177,8 @@ FailureKind Exchange::kindOfFailure() noexcept {
   } catch (...) {
     if (_reached == Reached::Nothing) return FailureKind::Refused;
     if (session.answerBegun()) return FailureKind::BadAnswer;
-    return session.connected() ? FailureKind::NoAnswer : FailureKind::Unreachable;
+    return mayHaveBeenSent || session.connected() ? FailureKind::NoAnswer
+                                                  : FailureKind::Unreachable;
   }
 }
 

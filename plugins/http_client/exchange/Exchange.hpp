@@ -43,8 +43,9 @@ class Exchange {
   void trim() noexcept;
 
  private:
-  // How far the latest attempt came.
-  enum class Reached { Nothing, Session };
+  // How far a request came at the most: a connection that one of its attempts had may have carried
+  // it, whatever became of the attempts behind that.
+  enum class Reached { Nothing, Session, Connection };
 
   void perform(request& req, Outcome& outcome);
   void announce(const request& req) const;

@@ -9,9 +9,9 @@ namespace connectivity::plugins {
 
 enum class FailureKind {
   Refused,           // the request cannot be sent as it was given
-  Unreachable,       // no connection was made
-  TunnelRefused,     // the proxy opens no tunnel
-  NoAnswer,          // the connection was lost before a byte of an answer
+  Unreachable,       // no connection was made, by no attempt
+  TunnelRefused,     // the proxy opens no tunnel, and none was open before
+  NoAnswer,          // a connection was made, and no byte of an answer came
   BadAnswer,         // an answer began, and cannot be used
   LimitExceeded,     // the response is over its limit under REJECT
   RedirectFailed,    // a redirect should have been followed, and could not be

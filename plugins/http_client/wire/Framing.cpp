@@ -120,9 +120,11 @@ bool announcesForbiddenBody(const ResponseHead& head) noexcept {
 bool keepsConnection(const ResponseHead& head, const BodyFraming& body) {
   const bool lengthBesideChunks =
       body.framing == Framing::Chunked && head.find(contentLengthName).has_value();
+  // HTTP/1.0 knows no transfer codings: how such a message ends is in doubt.
+  const bool codedByHttp10 = head.minorVersion() == 0 && head.find(transferEncodingName);
   if (body.framing == Framing::UntilClose || head.status() == switchingProtocols ||
-      lengthBesideChunks || announcesForbiddenBody(head) || hasToken(head, "Connection", "close") ||
-      hasToken(head, "Proxy-Connection", "close")) {
+      lengthBesideChunks || codedByHttp10 || announcesForbiddenBody(head) ||
+      hasToken(head, "Connection", "close") || hasToken(head, "Proxy-Connection", "close")) {
     return false;
   }
   return head.minorVersion() >= 1 || hasToken(head, "Connection", "keep-alive");

@@ -33,6 +33,13 @@ bool isBlank(char c) noexcept { return c == ' ' || c == '\t'; }
 }
 
 [[noreturn]] void tooLarge() { throw MessageException("The response head is too large"); }
+[[noreturn]] void notHttp() { throw MessageException("The server's answer is not HTTP"); }
+
+// Tells at the first byte that differs, so that nobody waits for the end of such a line.
+void refuseForeignStart(std::string_view bytes) {
+  const bool emptyLine = bytes.starts_with('\n') || bytes.starts_with("\r\n") || bytes == "\r";
+  if (!emptyLine && !protocol.starts_with(bytes.substr(0, protocol.size()))) notHttp();
+}
 
 }  // namespace
 
@@ -50,12 +57,14 @@ std::size_t HeadReader::read(std::string_view bytes) {
   std::size_t used = 0;
   while (!complete()) {
     const std::string_view rest = bytes.substr(used);
+    if (_state == State::Start) refuseForeignStart(rest);
     const HeadLine line = nextHeadLine(rest, _searched);
     const bool whole = line.state != HeadLine::State::Incomplete;
     const std::size_t size = whole ? line.size : rest.size();
-    if (_taken + size > maxResponseHead) tooLarge();
+    // Empty lines before the head are no part of it.
+    const std::size_t before = _state == State::Start ? 0 : _taken;
+    if (before + size > maxResponseHead) tooLarge();
     if (!whole) {
-      if (_state == State::Start) refuseForeignStart(rest);
       _searched = rest.size();
       break;
     }
@@ -78,21 +87,11 @@ void HeadReader::readLine(const HeadLine& line) {
     }
   } else if (!line.text.empty()) {
     _taken = line.size;
-    refuseForeignStart(line.text);
     if (line.state == HeadLine::State::Malformed) badStatusLine(line.text);
     readStatusLine(line.text);
     _state = State::Fields;
   } else if (_taken > maxLeadingBytes) {
-    throw MessageException("The server's answer is not HTTP");
-  }
-}
-
-// Tells at the first byte that differs, so that nobody waits for the end of such a line.
-void HeadReader::refuseForeignStart(std::string_view bytes) const {
-  if (bytes == "\r") return;
-  const std::size_t compared = std::min(bytes.size(), protocol.size());
-  if (bytes.substr(0, compared) != protocol.substr(0, compared)) {
-    throw MessageException("The server's answer is not HTTP");
+    notHttp();
   }
 }
 

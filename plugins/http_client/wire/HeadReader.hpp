@@ -19,7 +19,7 @@ namespace connectivity::plugins {
 
 // A head of more bytes than this, its lines and their ends together, is refused.
 inline constexpr std::size_t maxResponseHead = 262144;
-// Empty lines that may stand before the status line, their bytes together.
+// Empty lines that may stand before the status line, their bytes together. No part of the head.
 inline constexpr std::size_t maxLeadingBytes = 16;
 
 // One line of a head, or of the chunks' framing, off the front of `bytes`.
@@ -56,7 +56,6 @@ class HeadReader {
   void readLine(const HeadLine& line);
   void readStatusLine(std::string_view line);
   void readField(std::string_view line);
-  void refuseForeignStart(std::string_view bytes) const;
 
   ResponseHead& _head;
   State _state = State::Start;

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <memory>
+#include <netdb.h>
+#include <sys/socket.h>
 #include <thread>
 #include <utility>
 
 #include <Poco/Exception.h>
-#include <Poco/Net/DNS.h>
-#include <Poco/Net/HostEntry.h>
 #include <Poco/Net/NetException.h>
 
 namespace connectivity::plugins {
@@ -20,6 +21,9 @@ struct Resolver::LookUp {
   enum class State { Running, Found, HostNotFound, NoAddress, Failed };
 
   explicit LookUp(std::string name) : host(std::move(name)) {}
+
+  // Asks the system, and fills `addresses`.
+  State ask();
 
   // The thread's alone until the state has changed.
   const std::string host;
@@ -58,6 +62,25 @@ Resolver::Addresses withPort(const std::vector<IPAddress>& found, std::uint16_t 
 }
 
 }  // namespace
+
+// Not by Poco::Net::DNS, which sorts the addresses: their order is the system's choice (RFC 6724).
+Resolver::LookUp::State Resolver::LookUp::ask() {
+  addrinfo hints{};
+  hints.ai_flags = AI_ADDRCONFIG;
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* list = nullptr;
+  const int error = ::getaddrinfo(host.c_str(), nullptr, &hints, &list);
+  if (error == EAI_NONAME) return State::HostNotFound;
+  if (error == EAI_NODATA || error == EAI_ADDRFAMILY) return State::NoAddress;
+  if (error != 0) return State::Failed;
+  const std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> owner(list, ::freeaddrinfo);
+  for (const addrinfo* one = list; one != nullptr; one = one->ai_next) {
+    const IPAddress address = SocketAddress(one->ai_addr, one->ai_addrlen).host();
+    const bool known = std::find(addresses.begin(), addresses.end(), address) != addresses.end();
+    if (!known) addresses.push_back(address);
+  }
+  return addresses.empty() ? State::NoAddress : State::Found;
+}
 
 Resolver::Resolver() = default;
 
@@ -114,13 +137,7 @@ Resolver::LookUps::iterator Resolver::begin(const std::string& host) {
 void Resolver::run(LookUp& lookUp) noexcept {
   LookUp::State state = LookUp::State::Failed;
   try {
-    const auto entry = Poco::Net::DNS::hostByName(lookUp.host);
-    lookUp.addresses = entry.addresses();
-    state = lookUp.addresses.empty() ? LookUp::State::NoAddress : LookUp::State::Found;
-  } catch (const Poco::Net::HostNotFoundException&) {
-    state = LookUp::State::HostNotFound;
-  } catch (const Poco::Net::NoAddressFoundException&) {
-    state = LookUp::State::NoAddress;
+    state = lookUp.ask();
   } catch (...) {  // NOLINT(bugprone-empty-catch): the state tells it
   }
   const orrery::AutoMutex lock(_mutex);

@@ -9,20 +9,15 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <system_error>
 #include <unistd.h>
 
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
-#include <Poco/Net/SocketImpl.h>
 
 namespace connectivity::plugins {
 
 namespace {
-
-// Makes Poco's table of error numbers and exceptions usable.
-struct SocketErrors : Poco::Net::SocketImpl {
-  using Poco::Net::SocketImpl::error;
-};
 
 int millisecondsUntil(TimeLimits::Deadline deadline) noexcept {
   const auto left =
@@ -81,12 +76,20 @@ bool isReadable(int fd) noexcept {
 }
 
 void socketFailure(int error, const std::string& text) {
-  // Poco's table drops the text of these, and with it who is to blame.
-  if (error == ECONNRESET) throw Poco::Net::ConnectionResetException(text, error);
-  if (error == ECONNABORTED) throw Poco::Net::ConnectionAbortedException(text, error);
-  if (error == EPIPE) throw Poco::IOException(text + ": broken pipe", error);
-  SocketErrors::error(error, text);
-  throw Poco::IOException(text, error);  // for a number that Poco's table takes for no error
+  switch (error) {
+    case ECONNREFUSED:
+      throw Poco::Net::ConnectionRefusedException(text, error);
+    case ECONNRESET:
+      throw Poco::Net::ConnectionResetException(text, error);
+    case ECONNABORTED:
+      throw Poco::Net::ConnectionAbortedException(text, error);
+    case EPIPE:
+      throw Poco::IOException(text + ": broken pipe", error);
+    case ETIMEDOUT:
+      throw Poco::TimeoutException(text + ": timed out", error);
+    default:
+      throw Poco::IOException(text + ": " + std::generic_category().message(error), error);
+  }
 }
 
 }  // namespace connectivity::plugins

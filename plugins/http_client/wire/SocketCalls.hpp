@@ -42,7 +42,10 @@ bool awaitSocket(int fd, short events, TimeLimits::Deadline deadline);
 // Bytes, the peer's end or a failure are waiting. Does not wait itself.
 bool isReadable(int fd) noexcept;
 
-// Throws Poco's exception for the error number: Poco::Net::ConnectionResetException and the like.
+// Throws Poco's exception for the error number, with the number as its code. The message is `text`
+// for Poco::Net::ConnectionRefusedException, -ResetException and -AbortedException, and goes on
+// with the reason for Poco::TimeoutException ("10.0.0.1:80: timed out") and for every other number,
+// a Poco::IOException ("10.0.0.1:80: Network is unreachable").
 [[noreturn]] void socketFailure(int error, const std::string& text);
 
 }  // namespace connectivity::plugins

@@ -22,7 +22,7 @@ TEST(Escaping, NamesTheControlCharactersOfAscii) {
 
 TEST(Escaping, NamesThoseBehindAsciiAndNoOtherCharacterOfTheirBlock) {
   EXPECT_EQ(escaped("\u0080\u0085\u009B31m\u009F"), "\\u0080\\u0085\\u009b31m\\u009f");
-  EXPECT_EQ(escaped("\u00A0\u00BF\u00C0\u00DB"), "\u00A0\u00BF\u00C0\u00DB");
+  EXPECT_EQ(escaped("\u00A0\u00BF\u00C0\u00DB\u209B"), "\u00A0\u00BF\u00C0\u00DB\u209B");
 }
 
 TEST(Escaping, NamesBytesThatAreNoText) {

@@ -156,7 +156,7 @@ void setOneAndDeleteAnother(test_support::Connection& connection) {
 }
 
 TEST(JarOfManyWorkers, HoldsWhatEachOfThirtyTwoHasSet) {
-  constexpr int requests = 320;
+  constexpr int requests = 96;  // the jar holds 100
   ScriptedServer server(setOneAndDeleteAnother);
   PluginUnderTest plugin(Config(server.port()).numClients(32).set("cookieJar", true));
   std::vector<test_support::Message> batch;

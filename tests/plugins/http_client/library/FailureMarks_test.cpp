@@ -1,14 +1,18 @@
 // The mark that tells a program of what kind a failure was, where the configuration asks for it.
+#include <array>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <sys/socket.h>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "tests/plugins/http_client/Expectations.hpp"
 #include "tests/support/Certificates.hpp"
+#include "tests/support/Descriptor.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedProxy.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -99,6 +103,50 @@ TEST(FailureMark, WhereTheServerResetsWithoutAnAnswerIsNoAnswer) {
               connection.reset();
             }),
             "noAnswer");
+}
+
+// A server that takes one connection, reads its request and is gone.
+TEST(FailureMark, WhereOnlyTheSecondAttemptFindsNobodyIsNoAnswer) {
+  Descriptor listener = listenOnLoopback();
+  std::thread server([&listener] {
+    const Descriptor connection(::accept(listener.get(), nullptr, nullptr));
+    std::array<char, 4096> request{};
+    EXPECT_GT(::recv(connection.get(), request.data(), request.size(), 0), 0);
+    listener.reset();
+  });
+  PluginUnderTest plugin(marking(localPort(listener)));
+  const Answer answer = plugin.request(Request("POST", "/x").body("a"));
+  server.join();
+  expectErrorNaming(answer, "Connection refused");
+  EXPECT_EQ(markOf(answer), "noAnswer");
+}
+
+// The first one went through a tunnel that was open.
+TEST(FailureMark, WhereOnlyTheSecondAttemptIsRefusedATunnelIsNoAnswer) {
+  CertificateAuthority authority;
+  ScriptedServer server(
+      [](Connection& connection) {
+        connection.readRequest();
+        connection.sendResponse(200);
+        connection.readRequest();
+      },
+      TlsOptions{authority.issue()});
+  ScriptedServer proxy({[&server](Connection& connection) {
+                          connection.readHead();
+                          connection.send("HTTP/1.1 200 OK\r\n\r\n");
+                          connection.tunnelTo(server.port());
+                        },
+                        [](Connection& connection) {
+                          connection.readHead();
+                          connection.sendResponse(503);
+                        }});
+  PluginUnderTest plugin(
+      marking(443).host("localhost").tls(authority.caFile()).proxy(proxy.port()));
+  EXPECT_EQ(plugin.request(Request("GET", "/x")).status(), 200);
+  const Answer answer = plugin.request(Request("POST", "/x").body("a"));
+  expectErrorNaming(answer, "refused a tunnel");
+  EXPECT_EQ(markOf(answer), "noAnswer");
+  EXPECT_EQ(server.requestCount(), 2U);
 }
 
 // --- badAnswer ----------------------------------------------------------------------------------

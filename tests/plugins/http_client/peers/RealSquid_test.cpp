@@ -45,6 +45,11 @@ class ThroughSquid : public ::testing::TestWithParam<Way> {
     return config;
   }
   ScriptedServer& server() { return GetParam() == Way::Plain ? _plain : _secure; }
+  // As a refused tunnel names them.
+  std::string peers(int port) const {
+    return std::to_string(_squid->port()) +
+           " refused a tunnel to 127.0.0.1:" + std::to_string(port);
+  }
 
  private:
   CertificateAuthority _authority;
@@ -97,7 +102,9 @@ TEST_P(ThroughSquid, SeveralWorkersGetEachRequestItsOwnAnswer) {
 
 // What the host gets where squid says no: squid's own page, or, where no tunnel came to be and
 // there is no response of the server's, an error that quotes squid's status line.
-void expectRefusal(const Answer& answer, int status, const std::string& reason, int port) {
+// `peers`: "<the proxy's port> refused a tunnel to 127.0.0.1:<the server's port>"
+void expectRefusal(const Answer& answer, int status, const std::string& reason,
+                   const std::string& peers) {
   if (ThroughSquid::GetParam() == Way::Plain) {
     EXPECT_EQ(answer.status(), status) << answer.reason();
     EXPECT_EQ(answer.reason(), reason);
@@ -106,9 +113,8 @@ void expectRefusal(const Answer& answer, int status, const std::string& reason, 
     EXPECT_FALSE(answer.isError());
   } else {
     EXPECT_EQ(answer.status(), 400);
-    EXPECT_EQ(answer.reason(),
-              "HTTP Exception: The proxy refused a tunnel to 127.0.0.1:" + std::to_string(port) +
-                  ": " + std::to_string(status) + " " + reason);
+    EXPECT_EQ(answer.reason(), "HTTP Exception: The proxy 127.0.0.1:" + peers + ": " +
+                                   std::to_string(status) + " " + reason);
     EXPECT_TRUE(answer.isError());
   }
 }
@@ -118,7 +124,7 @@ TEST_P(ThroughSquid, WithoutCredentialsIsRefused) {
   PluginUnderTest plugin(toServer());
   for (int i = 0; i < 2; ++i) {
     expectRefusal(plugin.request(Request("GET", "/x")), 407, "Proxy Authentication Required",
-                  server().port());
+                  peers(server().port()));
   }
   EXPECT_EQ(server().connectionCount(), 0U);
   EXPECT_EQ(plugin.statusItem(".status"), GetParam() == Way::Plain ? "ONLINE" : "FAILED");
@@ -128,7 +134,7 @@ TEST_P(ThroughSquid, WithWrongCredentialsIsRefused) {
   startSquid({"user", "pass"});
   PluginUnderTest plugin(toServer().proxyCredentials("user", "wrong"));
   expectRefusal(plugin.request(Request("POST", "/x").body("abc")), 407,
-                "Proxy Authentication Required", server().port());
+                "Proxy Authentication Required", peers(server().port()));
   EXPECT_EQ(server().connectionCount(), 0U);
 }
 
@@ -136,7 +142,7 @@ TEST_P(ThroughSquid, ToNobodyIsRefused) {
   startSquid();
   const int port = unusedPort();
   PluginUnderTest plugin(to(port));
-  expectRefusal(plugin.request(Request("GET", "/x")), 503, "Service Unavailable", port);
+  expectRefusal(plugin.request(Request("GET", "/x")), 503, "Service Unavailable", peers(port));
 }
 
 TEST_P(ThroughSquid, RedirectsWithinTheServerAreFollowed) {

@@ -1,99 +1,26 @@
-// The queue on its own: order, capacity, wake-ups, termination.
+// The queue on its own: order, lanes, what becomes of its elements. Its waits are beside this.
 #include "plugins/http_client/dispatch/AffinityQueue.hpp"
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/plugins/http_client/unit/dispatch/AffinityQueueUnderTest.hpp"
 #include "tests/support/Event.hpp"
 
 namespace connectivity::plugins {
 namespace {
 
 using test_support::Event;
-
-// Records the lines, and does what a test wants inside a call.
-class StubLogger {
- public:
-  void debug(const char* format, int count) const {
-    {
-      const std::lock_guard lock(_mutex);
-      lines.emplace_back(format, count);
-    }
-    if (whenCalled) whenCalled();
-  }
-  std::size_t lineCount() const {
-    const std::lock_guard lock(_mutex);
-    return lines.size();
-  }
-
-  mutable std::vector<std::pair<std::string, int>> lines;
-  std::function<void()> whenCalled;
-
- private:
-  mutable std::mutex _mutex;
-};
-
-using Value = std::unique_ptr<int>;
-using Queue = AffinityQueue<Value, StubLogger>;
-constexpr auto capacity = static_cast<int>(Queue::capacity);
-constexpr auto notFullBelow = static_cast<int>(Queue::notFullBelow);
-
-Value value(int number) { return std::make_unique<int>(number); }
-
-void push(Queue& queue, int number, std::optional<std::uint32_t> affinity = std::nullopt) {
-  Queue::LockPushBatch batch(queue);
-  queue.enqueue(batch, value(number), false, affinity);
-}
-
-void pushMany(Queue& queue, int howMany, std::optional<std::uint32_t> affinity = std::nullopt) {
-  Queue::LockPushBatch batch(queue);
-  for (int i = 0; i < howMany; ++i) queue.enqueue(batch, value(i), true, affinity);
-}
-
-int take(Queue& queue, std::uint32_t consumer) { return *queue.dequeue(consumer); }
-
-void takeMany(Queue& queue, int howMany, std::uint32_t consumer = 0) {
-  for (int i = 0; i < howMany; ++i) queue.dequeue(consumer);
-}
-
-// Threads that are joined before the queue goes.
-class Threads {
- public:
-  ~Threads() { join(); }
-  template <typename Body>
-  void run(Body&& body) {
-    _threads.emplace_back(std::forward<Body>(body));
-  }
-  void join() {
-    for (auto& thread : _threads) thread.join();
-    _threads.clear();
-  }
-
- private:
-  std::vector<std::thread> _threads;
-};
-
-// Waits until the producer that fills `queue` has found it full: it reports that, and then waits.
-void waitUntilReported(const StubLogger& logger, std::size_t times = 1) {
-  const auto end = std::chrono::steady_clock::now() + test_support::patience;
-  while (logger.lineCount() < times) {
-    ASSERT_LT(std::chrono::steady_clock::now(), end);
-    std::this_thread::yield();
-  }
-}
 
 TEST(AffinityQueue, RefusesToHaveNoConsumers) {
   const StubLogger logger;
@@ -212,247 +139,6 @@ TEST(AffinityQueue, LinksNothingOfARowThatCouldNotBeMade) {
   EXPECT_EQ(take(queue, 0), 7);
 }
 
-TEST(AffinityQueue, WakesAWaitingConsumerWhenTheBatchCloses) {
-  const StubLogger logger;
-  Queue queue(2, logger);
-  Event taken("the element to be taken");
-  Threads threads;
-  threads.run([&] {
-    EXPECT_EQ(take(queue, 1), 5);
-    taken.set();
-  });
-  {
-    Queue::LockPushBatch batch(queue);
-    queue.enqueue(batch, value(5), false);
-    EXPECT_FALSE(taken.isSet());
-  }
-  taken.wait();
-}
-
-TEST(AffinityQueue, MakesTheProducerOfTheElementBeyondItsCapacityWaitAndSaysSoOnce) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  Event pushed("the producer to go on");
-  Threads threads;
-  threads.run([&] {
-    push(queue, 1);
-    push(queue, 2);  // still within the episode
-    pushed.set();
-  });
-  waitUntilReported(logger);
-  EXPECT_EQ(queue.size(), Queue::capacity);
-  EXPECT_FALSE(pushed.isSet());
-  takeMany(queue, 2);
-  pushed.wait();
-  EXPECT_EQ(queue.size(), Queue::capacity);
-  ASSERT_EQ(logger.lineCount(), 1U);
-  EXPECT_EQ(logger.lines[0].first,
-            "AffinityQueue is full, must wait for something to be removed before adding more items "
-            "- %d");
-  EXPECT_EQ(logger.lines[0].second, capacity);
-}
-
-TEST(AffinityQueue, LetsANewProducerInJustBelowCapacityWithoutEndingTheEpisode) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  Threads threads;
-  threads.run([&] { push(queue, 1); });
-  waitUntilReported(logger);
-  takeMany(queue, 2);
-  threads.join();
-  EXPECT_EQ(queue.size(), Queue::capacity - 1);
-  push(queue, 2);  // does not wait
-  EXPECT_EQ(queue.size(), Queue::capacity);
-  threads.run([&] { push(queue, 3); });
-  takeMany(queue, 1);
-  threads.join();
-  EXPECT_EQ(logger.lineCount(), 1U);
-}
-
-TEST(AffinityQueue, ReportsAgainOnlyAfterItHasShrunkBelowItsLowMark) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  const auto fillAndPushOneMore = [&](int present) {
-    pushMany(queue, capacity - present);
-    Threads threads;
-    threads.run([&] { push(queue, 1); });
-    takeMany(queue, 1);
-    threads.join();
-  };
-  pushMany(queue, capacity);
-  {
-    Threads threads;
-    threads.run([&] { push(queue, 1); });
-    waitUntilReported(logger);
-    takeMany(queue, 1);
-  }
-  takeMany(queue, capacity - notFullBelow);  // down to the mark: still the same episode
-  push(queue, 1);
-  fillAndPushOneMore(notFullBelow + 1);
-  EXPECT_EQ(logger.lineCount(), 1U);
-
-  takeMany(queue, capacity - notFullBelow + 1);  // below the mark
-  push(queue, 1);
-  pushMany(queue, capacity - notFullBelow);
-  Threads threads;
-  threads.run([&] { push(queue, 1); });
-  waitUntilReported(logger, 2);
-  takeMany(queue, 1);
-  threads.join();
-  EXPECT_EQ(logger.lineCount(), 2U);
-}
-
-TEST(AffinityQueue, GrowsBeyondItsCapacityForThoseWhoMustNotWait) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity + 10);
-  EXPECT_EQ(queue.size(), Queue::capacity + 10);
-  EXPECT_EQ(logger.lineCount(), 0U);
-}
-
-// The batch is not closed while its producer waits, so nobody but the producer wakes those who are
-// to make the space.
-TEST(AffinityQueue, FinishesABatchLargerThanItsCapacityWhenAllConsumersSleep) {
-  const StubLogger logger;
-  Queue queue(2, logger);
-  constexpr int all = 3 * capacity;
-  std::atomic<int> taken{0};
-  Event done("all elements to be taken");
-  Threads threads;
-  for (std::uint32_t consumer = 0; consumer < 2; ++consumer) {
-    threads.run([&, consumer] {
-      try {
-        for (;;) {
-          queue.dequeue(consumer);
-          if (++taken == all) done.set();
-        }
-      } catch (const QueueTerminated&) {
-      }
-    });
-  }
-  {
-    Queue::LockPushBatch batch(queue);
-    for (int i = 0; i < all; ++i) EXPECT_TRUE(queue.enqueue(batch, value(i), false));
-  }
-  done.wait();
-  queue.terminate();
-}
-
-TEST(AffinityQueue, LetsOtherBatchesInWhileAProducerWaits) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  Threads threads;
-  threads.run([&] { push(queue, 1); });
-  waitUntilReported(logger);
-  pushMany(queue, 1);  // by one who must not wait
-  EXPECT_EQ(queue.size(), Queue::capacity + 1);
-  takeMany(queue, 2);
-  threads.join();
-}
-
-TEST(AffinityQueue, NeverCallsItsLoggerUnderItsMutex) {
-  StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  logger.whenCalled = [&] { pushMany(queue, 1); };  // would deadlock
-  Threads threads;
-  threads.run([&] { push(queue, 1); });
-  waitUntilReported(logger);
-  takeMany(queue, 3);
-  threads.join();
-  EXPECT_EQ(queue.size(), Queue::capacity - 1);
-}
-
-TEST(AffinityQueue, TellsABatchThatItWaitsAndNeverUnderItsMutex) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  std::vector<std::pair<bool, std::uint32_t>> told;
-  Event waits("the batch to wait");
-  Threads threads;
-  threads.run([&] {
-    Queue::LockPushBatch batch(queue, nullptr, [&](bool waiting) {
-      told.emplace_back(waiting, queue.size());  // would deadlock
-      waits.set();
-    });
-    EXPECT_TRUE(queue.enqueue(batch, value(1), false));
-    EXPECT_EQ(told.size(), 2U);  // before it is closed
-  });
-  waits.wait();
-  takeMany(queue, 1);
-  threads.join();
-  EXPECT_EQ(told, (decltype(told){{true, Queue::capacity}, {false, Queue::capacity}}));
-}
-
-TEST(AffinityQueue, TellsARowThatItWaits) {
-  const StubLogger logger;
-  Queue queue(2, logger);
-  pushMany(queue, capacity);
-  std::vector<bool> told;
-  Event waits("the batch to wait");
-  Threads threads;
-  threads.run([&] {
-    Queue::LockPushBatch batch(queue, nullptr, [&](bool waiting) {
-      told.push_back(waiting);
-      waits.set();
-    });
-    EXPECT_TRUE(queue.enqueueOnEachLane(batch, 2, false, [] { return value(1); }));
-    EXPECT_EQ(told, (std::vector<bool>{true, false}));
-    EXPECT_TRUE(queue.enqueue(batch, value(1), true));
-  });
-  waits.wait();
-  takeMany(queue, 1);
-  threads.join();
-  EXPECT_EQ(told, (std::vector<bool>{true, false}));
-}
-
-// Its logger throws when it is to report that the queue is full once more.
-TEST(AffinityQueue, TellsABatchThatItsWaitHasEndedAlsoByAnException) {
-  StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  std::vector<bool> told;
-  Threads threads;
-  threads.run([&] {
-    Queue::LockPushBatch batch(queue, nullptr, [&](bool waiting) {
-      told.push_back(waiting);
-      if (!waiting) return;
-      // The queue shrinks below the mark and fills up again before the batch looks.
-      logger.whenCalled = [] { throw std::runtime_error("no log"); };
-      takeMany(queue, capacity);
-      push(queue, 1);
-      pushMany(queue, capacity);
-    });
-    EXPECT_THROW(queue.enqueue(batch, value(1), false), std::runtime_error);
-  });
-  threads.join();
-  EXPECT_EQ(told, (std::vector<bool>{true, false}));
-}
-
-TEST(AffinityQueue, LeavesAValueWithAProducerWhoseBatchIsAbandonedWhileItWaits) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  std::atomic<bool> abandoned{false};
-  Threads threads;
-  threads.run([&] {
-    Value kept = value(42);
-    Queue::LockPushBatch batch(queue, &abandoned);
-    EXPECT_FALSE(queue.enqueue(batch, std::move(kept), false));
-    // NOLINTNEXTLINE(bugprone-use-after-move): that it was not moved is what is tested
-    ASSERT_NE(kept, nullptr);
-    EXPECT_EQ(*kept, 42);
-  });
-  waitUntilReported(logger);
-  abandoned = true;
-  queue.wakeProducers();
-  threads.join();
-  EXPECT_EQ(queue.size(), Queue::capacity);
-}
-
 TEST(AffinityQueue, TakesNothingIntoAnAbandonedBatch) {
   const StubLogger logger;
   Queue queue(2, logger);
@@ -478,39 +164,6 @@ TEST(AffinityQueue, GivesNothingAfterTerminationThoughALaneHoldsElements) {
   } catch (const std::runtime_error& error) {
     EXPECT_STREQ(error.what(), "This queue has been terminated");
   }
-}
-
-TEST(AffinityQueue, WakesEveryWaitingConsumerAtTermination) {
-  const StubLogger logger;
-  Queue queue(4, logger);
-  Threads threads;
-  for (std::uint32_t consumer = 0; consumer < 4; ++consumer) {
-    threads.run([&, consumer] { EXPECT_THROW(queue.dequeue(consumer), QueueTerminated); });
-  }
-  queue.terminate();
-  threads.join();
-}
-
-TEST(AffinityQueue, LetsAWaitingProducerGoOnAtTermination) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  Threads threads;
-  threads.run([&] { push(queue, 1); });
-  waitUntilReported(logger);
-  queue.terminate();
-  threads.join();
-  EXPECT_EQ(queue.size(), Queue::capacity + 1);
-}
-
-TEST(AffinityQueue, MakesNoProducerWaitAfterTermination) {
-  const StubLogger logger;
-  Queue queue(1, logger);
-  pushMany(queue, capacity);
-  queue.terminate();
-  push(queue, 1);
-  EXPECT_EQ(queue.size(), Queue::capacity + 1);
-  EXPECT_EQ(logger.lineCount(), 0U);
 }
 
 TEST(AffinityQueue, CallsBackWhenAnElementIsTaken) {

@@ -289,23 +289,4 @@ TEST_F(Coding, NothingOfAnEarlierResponseIsEverDelivered) {
   EXPECT_EQ(answer.body(), "[TRUNCATED]" + std::string(1000, 'x') + std::string(3000, '\0'));
 }
 
-TEST_F(Coding, ShortContentTypeIsDelivered) {
-  const Answer answer = received({200, {{"Content-Type", "a/b"}}, "text"});
-  EXPECT_EQ(answer.status(), 200);
-  EXPECT_EQ(answer.body(), "text");
-  EXPECT_EQ(answer.text("contentType"), "a/b");
-  EXPECT_EQ(answer.text("charset"), "utf-8");
-}
-
-TEST_F(Coding, EmptyOrMalformedContentTypeLabelsNothingAndTheResponseIsDelivered) {
-  for (const char* const type : {"", ";", "text", "text/", "/plain", "text/plain charset=x"}) {
-    const Answer answer = received({200, {{"Content-Type", type}}, "text"});
-    EXPECT_EQ(answer.status(), 200) << '"' << type << "\": " << answer.reason();
-    EXPECT_EQ(answer.body(), "text");
-    EXPECT_EQ(answer.text("contentType"), "");
-    EXPECT_EQ(answer.text("charset"), "utf-8");
-    EXPECT_EQ(answer.header("content-type"), type);
-  }
-}
-
 }  // namespace

@@ -118,6 +118,15 @@ INSTANTIATE_TEST_SUITE_P(
         Label{"WithAControlCharacter", "Content-Type: te\x01xt/html\r\n", "", "utf-8"}),
     nameOf);
 
+TEST(ContentTypeThatLabelsNothing, StaysAmongTheHeaders) {
+  for (const std::string type : {"", ";", "text", "text/", "/plain", "text/plain charset=x"}) {
+    const Answer answer =
+        answerTo("HTTP/1.1 200 OK\r\nContent-Type: " + type + "\r\nContent-Length: 0\r\n\r\n");
+    EXPECT_EQ(answer.header("content-type"), type);
+    EXPECT_EQ(answer.text("contentType"), "");
+  }
+}
+
 // --- Characters that are cut --------------------------------------------------------------------
 
 // Behind a cut no part of a character stays where the text is UTF-8.

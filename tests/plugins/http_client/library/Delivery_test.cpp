@@ -125,49 +125,6 @@ TEST_F(ResponseDelivery, GivesThePathBackAsTheRequestHadIt) {
   EXPECT_EQ(answer.text("http/path"), "/a b#part");
 }
 
-// --- Content type and character set -------------------------------------------------------------
-
-struct TypeCase {
-  const char* name;
-  const char* header;  // null: none
-  const char* contentType;
-  const char* charset;
-};
-
-std::string typeName(const ::testing::TestParamInfo<TypeCase>& info) { return info.param.name; }
-
-class ResponseType : public ResponseDelivery, public ::testing::WithParamInterface<TypeCase> {};
-
-TEST_P(ResponseType, IsDelivered) {
-  HeaderList headers;
-  if (GetParam().header != nullptr) headers.emplace_back("Content-Type", GetParam().header);
-  const Answer answer = answerTo({200, headers, "a"});
-  EXPECT_EQ(answer.text("contentType"), GetParam().contentType);
-  EXPECT_EQ(answer.text("charset"), GetParam().charset);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    All, ResponseType,
-    ::testing::Values(
-        TypeCase{"WithoutHeaderAsNoTypeAndUtf8", nullptr, "", "utf-8"},
-        TypeCase{"WithoutCharsetAsUtf8", "application/json", "application/json", "utf-8"},
-        TypeCase{"WithItsCharsetInLowerCase", "text/html; charset=ISO-8859-1", "text/html",
-                 "iso-8859-1"},
-        TypeCase{"WithTheHyphenInUtf8", "text/html; charset=UTF8", "text/html", "utf-8"},
-        TypeCase{"WithAQuotedCharset", "text/html; charset=\"utf-8\"", "text/html", "utf-8"},
-        TypeCase{"WithoutOtherParameters", "multipart/mixed; boundary=x", "multipart/mixed",
-                 "utf-8"},
-        TypeCase{"WithoutASlashAsNoTypeAndUtf8", "something; charset=latin1", "", "utf-8"},
-        TypeCase{"ThatIsEmptyAsNoTypeAndUtf8", "", "", "utf-8"},
-        TypeCase{"OfThreeBytesAsItIs", "a/b", "a/b", "utf-8"}),
-    typeName);
-
-TEST_F(ResponseDelivery, CharsetOnlyLabelsTheBytes) {
-  const Answer answer =
-      answerTo({200, {{"Content-Type", "text/plain; charset=iso-8859-1"}}, "caf\xE9"});
-  EXPECT_EQ(answer.body(), "caf\xE9");
-}
-
 // --- Status lines -------------------------------------------------------------------------------
 
 TEST_F(ResponseDelivery, PassesErrorStatusesOnAsResponses) {

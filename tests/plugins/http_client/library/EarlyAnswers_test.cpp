@@ -27,6 +27,9 @@ Request upload(const std::string& body = large()) {
   return std::move(Request("POST", "/upload").body(body));
 }
 
+// So long that nothing which waits for the time-out passes.
+constexpr int endlessSecs = 1000;
+
 using After = std::function<void(Connection&)>;
 
 void closes(Connection& connection) { connection.close(); }
@@ -83,7 +86,7 @@ TEST_P(EarlyAnswer, OnAConnectionThatStaysOpenEndsTheSending) {
       for (std::string piece; !(piece = connection.readSome()).empty();) taken += piece.size();
     }));
     {
-      PluginUnderTest plugin(to(*server), terse());
+      PluginUnderTest plugin(to(*server).timeoutSecs(endlessSecs), terse());
       plugin.onDelivery([&](const Answer&) { answered.set(); });
       expectTheAnswer(plugin, *server, status, "no");
     }
@@ -98,7 +101,7 @@ TEST_P(EarlyAnswer, InChunksIsReadToItsEnd) {
   const auto server =
       serving(early(head + chunk("not ") + chunk("here") + "0\r\n\r\n",
                     [&](Connection& connection) { connection.stallUntil(answered); }));
-  PluginUnderTest plugin(to(*server), terse());
+  PluginUnderTest plugin(to(*server).timeoutSecs(endlessSecs), terse());
   plugin.onDelivery([&](const Answer&) { answered.set(); });
   expectTheAnswer(plugin, *server, 403, "not here");
 }
@@ -122,7 +125,7 @@ TEST_P(EarlyAnswer, ThatRedirectsIsFollowedOverANewConnection) {
   const auto server =
       serving(early("HTTP/1.1 303 See Other\r\nLocation: /elsewhere\r\nContent-Length: 0\r\n\r\n",
                     [&](Connection& connection) { connection.stallUntil(followed); }));
-  PluginUnderTest plugin(to(*server), terse());
+  PluginUnderTest plugin(to(*server).timeoutSecs(endlessSecs), terse());
   plugin.onDelivery([&](const Answer&) { followed.set(); });
   EXPECT_EQ(plugin.request(upload()).body(), "/elsewhere");
   EXPECT_EQ(server->request(1).method, "GET");
@@ -243,7 +246,7 @@ TEST_P(EarlyAnswer, ThatIsMalformedEndsTheSending) {
   Event answered;
   const auto server = serving(early(
       "SSH-2.0-OpenSSH\r\n\r\n", [&](Connection& connection) { connection.stallUntil(answered); }));
-  PluginUnderTest plugin(to(*server), terse());
+  PluginUnderTest plugin(to(*server).timeoutSecs(endlessSecs), terse());
   plugin.onDelivery([&](const Answer&) { answered.set(); });
   EXPECT_EQ(plugin.request(upload()).reason(),
             "Malformed message: The server's answer is not HTTP");

@@ -24,7 +24,7 @@ const std::string nastyAsText =
     "2J";
 // The same in the log.
 const std::string nastyInTheLog =
-    "\u00e9\u00ff\\x80\\x1B[31m\\x07\\x7F\\x9B"
+    "\u00e9\u00ff\\u0080\\x1b[31m\\x07\\x7f\\u009b"
     "2J";
 
 // No line of the log can move a cursor.

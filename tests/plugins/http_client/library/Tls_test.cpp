@@ -245,42 +245,6 @@ void expectInStep(PluginUnderTest& plugin, const ScriptedServer& server) {
   EXPECT_FALSE(plugin.log().contains(retryLine));
 }
 
-TEST_F(Tls, BodyCutShortIsAFailureWhateverTheWordOfFarewell) {
-  for (const bool notify : {true, false}) {
-    ScriptedServer server({[notify](Connection& connection) {
-                             connection.readRequest();
-                             connection.send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nshort");
-                             if (notify) connection.close();
-                             connection.closeWithoutNotify();
-                           },
-                           answerWithTarget},
-                          TlsOptions{_authority.issue()});
-    PluginUnderTest plugin(trusting(server.port()));
-    EXPECT_EQ(plugin.request(Request("GET", "/x")).reason(),
-              "Error processing response stream: I/O error");
-    expectInStep(plugin, server);
-  }
-}
-
-TEST_F(Tls, BodyThatOnlyTheEndDelimitsNeedsACloseNotify) {
-  // Without one, nobody could tell it from a body that somebody else has cut short.
-  for (const bool notify : {true, false}) {
-    ScriptedServer server({[notify](Connection& connection) {
-                             connection.readRequest();
-                             connection.send("HTTP/1.1 200 OK\r\n\r\nwhole");
-                             if (notify) connection.close();
-                             connection.closeWithoutNotify();
-                           },
-                           answerWithTarget},
-                          TlsOptions{_authority.issue()});
-    PluginUnderTest plugin(trusting(server.port()));
-    const Answer answer = plugin.request(Request("GET", "/x"));
-    EXPECT_EQ(answer.body(),
-              notify ? "whole" : "Error processing response stream: Serious I/O error");
-    expectInStep(plugin, server);
-  }
-}
-
 TEST_F(Tls, ConnectionClosedWhileIdleIsReplacedWhateverTheWordOfFarewell) {
   for (const bool notify : {true, false}) {
     ScriptedServer server({[notify](Connection& connection) {

@@ -118,6 +118,8 @@ void TcpLayer::awaitEither() {
   awaitOrThrow(POLLIN | POLLOUT, " took no data within the time-out");
 }
 
+void TcpLayer::awaitRoom() { awaitOrThrow(POLLOUT, " took no data within the time-out"); }
+
 void TcpLayer::awaitOrThrow(short events, const char* otherwise) const {
   _limits.check();
   if (await(events, _limits.endOfWait())) return;

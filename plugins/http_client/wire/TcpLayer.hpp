@@ -32,6 +32,7 @@ class TcpLayer final : public Layer {
   std::size_t send(std::span<const std::string_view> pieces) override;
   std::optional<std::size_t> receive(char* data, std::size_t size, Wait wait) override;
   void awaitEither() override;
+  void awaitRoom() override;
   bool quiet() noexcept override { return !isReadable(_socket.descriptor()); }
   void close() noexcept override { _socket.close(); }
 

@@ -34,6 +34,7 @@ class TlsLayer final : public Layer {
   // Poco::Net::SSLConnectionUnexpectedlyClosedException.
   std::optional<std::size_t> receive(char* data, std::size_t size, Wait wait) override;
   void awaitEither() override { _below->awaitEither(); }
+  void awaitRoom() override { _below->awaitRoom(); }
   bool quiet() noexcept override;
   // Says goodbye first (close_notify), without waiting.
   void close() noexcept override;

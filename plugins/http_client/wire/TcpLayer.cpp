@@ -103,6 +103,8 @@ std::optional<std::size_t> TcpLayer::receive(char* data, std::size_t size, Wait 
   // With a deadline the socket's own time-out would be too long.
   const bool timed = wait == Wait::Yes && _limits.hasDeadline();
   const int flags = wait == Wait::No || timed ? MSG_DONTWAIT : 0;
+  // Where something always comes, nobody waits, and no wait ends at the deadline.
+  if (wait == Wait::No) _limits.check();
   for (;;) {
     if (timed) awaitOrThrow(POLLIN, " sent nothing within the time-out");
     const ssize_t count = ::recv(_socket.descriptor(), data, size, flags);

@@ -169,7 +169,7 @@ TEST(TunnelLayer, ARefusalIsReportedInTheProxysWords) {
 
 TEST(TunnelLayer, AnAnswerThatCannotBeUsedIsARefusalToo) {
   for (const auto& [answer, reason] :
-       {std::pair("gibberish\r\n\r\n", "The server's answer is not HTTP"),
+       {std::pair("gibberish\r\n\r\n", "The response is not HTTP"),
         std::pair("HTTP/1.1 200 OK\r\nno colon\r\n\r\n",
                   "Malformed header line 1 in the response: no colon")}) {
     ScriptedServer proxy(answering(answer));

@@ -99,7 +99,7 @@ Resolver::Addresses Resolver::addressesOf(const std::string& host, std::uint16_t
   if (IPAddress::tryParse(host, literal)) return {SocketAddress(literal, port)};
   joinAbandoned();
   const TimeLimits::Deadline end = limits.endOfWait();
-  const LookUps::iterator lookUp = begin(host);
+  const auto lookUp = begin(host);
   if (!awaitEnd(*lookUp, end)) {
     limits.check();
     throw Poco::TimeoutException(peer + " was not resolved within the time-out");

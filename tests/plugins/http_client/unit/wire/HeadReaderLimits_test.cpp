@@ -135,7 +135,8 @@ char* nextPage(const char* data) {
 // first half could not.
 [[noreturn]] void readBeyondFieldsOutOfReach() {
   const std::string half = headOf(100000, "", "Name: value\r\n", "Name: ", "\r\n");
-  const std::string bytes = statusLine + half + half + "\r\n";
+  const std::string other = headOf(100000, "", "Eman: value\r\n", "Eman: ", "\r\n");
+  const std::string bytes = statusLine + half + other + "\r\n";
   ResponseHead head;
   HeadReader(head).read(bytes);  // makes the head's store large enough
   HeadReader reader(head);

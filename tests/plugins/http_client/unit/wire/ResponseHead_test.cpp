@@ -1,5 +1,6 @@
 #include "plugins/http_client/wire/ResponseHead.hpp"
 
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -144,12 +145,12 @@ TEST(ResponseHead, ForgetsEverythingWhenItIsCleared) {
 
 TEST(ResponseHead, HoldsManyFields) {
   ResponseHead head;
-  for (int number = 0; number < 5000; ++number) {
+  for (std::size_t number = 0; number < 5000; ++number) {
     head.addField("X-" + std::to_string(number), std::string(number % 50, 'v'));
   }
   ASSERT_EQ(head.fieldCount(), 5000U);
-  for (int number = 0; number < 5000; ++number) {
-    const ResponseHead::Field field = head.field(static_cast<std::size_t>(number));
+  for (std::size_t number = 0; number < 5000; ++number) {
+    const ResponseHead::Field field = head.field(number);
     ASSERT_EQ(field.name, "X-" + std::to_string(number));
     ASSERT_EQ(field.value, std::string(number % 50, 'v'));
   }

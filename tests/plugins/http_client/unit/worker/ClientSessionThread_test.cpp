@@ -266,5 +266,13 @@ TEST(ClientSessionThread, IsNotMadeWhereItsAuthoritiesCannotBeRead) {
                              "/nowhere/ca.pem: ")));
 }
 
+// What a library's exception is about stands in its long text alone.
+TEST(ClientSessionThread, IsNotMadeForAHostThatNoCertificateCanName) {
+  Place place{Config(443).tls().host(".")};
+  EXPECT_THAT([&] { ClientSessionThread worker(place.workplace, 0); },
+              testing::ThrowsMessage<std::runtime_error>(
+                  "SSL context exception: Cannot verify certificates for the host"));
+}
+
 }  // namespace
 }  // namespace connectivity::plugins

@@ -118,7 +118,7 @@ struct Failure {
 
 std::string nameOf(const testing::TestParamInfo<Failure>& info) { return info.param.name; }
 
-// One worker whose log fails at a line of the request that is sent first.
+// One worker whose log fails at a line of the second of three requests.
 class RequestThatFails : public testing::TestWithParam<Failure> {
  protected:
   RequestThatFails() {
@@ -154,7 +154,7 @@ class RequestThatFails : public testing::TestWithParam<Failure> {
   const LogDouble everyLevel;  // all that it does here is to ask for every line
   ScriptedServer server{[](Connection& connection) {
     while (const auto request = connection.readRequest()) {
-      connection.sendResponse(request->target == "/first" ? 201 : 200, {}, request->target);
+      connection.sendResponse(request->target == "/fails" ? 201 : 200, {}, request->target);
     }
   }};
   StatusDouble status;
@@ -163,17 +163,20 @@ class RequestThatFails : public testing::TestWithParam<Failure> {
 
 TEST_P(RequestThatFails, IsAnsweredOnceAndTheWorkerGoesOn) {
   std::vector<Message> batch;
-  batch.push_back(Request("GET", "/first").id(1).message());
-  batch.push_back(Request("POST", "/second").id(2).body("x").message());
+  batch.push_back(Request("POST", "/before").id(1).body("x").message());
+  batch.push_back(Request("GET", "/fails").id(2).message());
+  batch.push_back(Request("POST", "/second").id(3).body("x").message());
   const std::vector<Answer> answers = answersTo(std::move(batch));
-  ASSERT_EQ(answers.size(), 2U);
+  ASSERT_EQ(answers.size(), 3U);
   EXPECT_EQ(answers[0].id(), 1);
-  EXPECT_EQ(answers[0].status(), 400);
-  EXPECT_TRUE(answers[0].isError());
-  EXPECT_EQ(answers[0].reason(), GetParam().text);
-  EXPECT_EQ(answers[0].text("http/path"), "/first");
+  EXPECT_EQ(answers[0].body(), "/before");
   EXPECT_EQ(answers[1].id(), 2);
-  EXPECT_EQ(answers[1].body(), "/second");
+  EXPECT_EQ(answers[1].status(), 400);
+  EXPECT_TRUE(answers[1].isError());
+  EXPECT_EQ(answers[1].reason(), GetParam().text);
+  EXPECT_EQ(answers[1].text("http/path"), "/fails");
+  EXPECT_EQ(answers[2].id(), 3);
+  EXPECT_EQ(answers[2].body(), "/second");
   const std::vector<std::string> online{"STARTING", "ONLINE"};
   const std::vector<std::string> failedOnce{"STARTING", "ONLINE", "FAILED", "ONLINE"};
   EXPECT_EQ(status.history("name.chain.status"), GetParam().failed ? failedOnce : online);
@@ -181,9 +184,9 @@ TEST_P(RequestThatFails, IsAnsweredOnceAndTheWorkerGoesOn) {
 
 INSTANTIATE_TEST_SUITE_P(
     Anywhere, RequestThatFails,
-    testing::Values(Failure{"WhileItIsPrepared", "Handling a request for GET path /first",
+    testing::Values(Failure{"WhileItIsPrepared", "Handling a request for GET path /fails",
                             Thrown::Exception, "boom", false},
-                    Failure{"WithWhatIsNoException", "Handling a request for GET path /first",
+                    Failure{"WithWhatIsNoException", "Handling a request for GET path /fails",
                             Thrown::Number, "Unknown exception", false},
                     Failure{"WhileItsHeadIsWritten", "   request payload: <no payload>",
                             Thrown::Exception, "boom", false},

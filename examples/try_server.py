@@ -3,6 +3,8 @@
 
     examples/try_server.py 8080
     examples/try_server.py 8443 --tls server.pem server.key
+    examples/try_server.py 8443 --tls server.pem server.key --client-ca ca.pem
+                                                       asks for a certificate of the client's
     examples/try_server.py 3128 --proxy ada:s3cret     asks for these as a proxy does
 
     /items/7       an item, as JSON
@@ -73,6 +75,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             visits[path] += 1
             count = visits[path]
         seen = {"method": self.command, "target": self.path, "visit": count, "bytes": len(body)}
+        if isinstance(self.connection, ssl.SSLSocket) and self.connection.getpeercert():
+            names = dict(pair for rdn in self.connection.getpeercert()["subject"] for pair in rdn)
+            seen["client"] = names.get("commonName")
         for name in ("X-Event", "Content-Encoding"):
             if name in self.headers:
                 seen[name.lower()] = self.headers[name]
@@ -113,7 +118,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         else:
             self.answer(200, self.received(path, body))
 
-    do_GET = do_HEAD = do_POST = do_PUT = do_DELETE = handle_request
+    do_GET = do_HEAD = do_POST = do_PUT = do_DELETE = do_PATCH = handle_request
 
     def log_message(self, format, *args):
         pass
@@ -123,6 +128,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("port", type=int)
     parser.add_argument("--tls", nargs=2, metavar=("CERTIFICATE", "KEY"))
+    parser.add_argument("--client-ca", metavar="AUTHORITY")
     parser.add_argument("--proxy", metavar="USER:PASSWORD")
     options = parser.parse_args()
     Handler.proxy_credentials = options.proxy
@@ -131,6 +137,9 @@ def main():
     if options.tls:
         context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         context.load_cert_chain(*options.tls)
+        if options.client_ca:
+            context.verify_mode = ssl.CERT_REQUIRED
+            context.load_verify_locations(options.client_ca)
         server.socket = context.wrap_socket(server.socket, server_side=True)
         scheme = "https"
     print(f"Listening on {scheme}://127.0.0.1:{server.server_port}", flush=True)

@@ -20,9 +20,9 @@ struct z_stream_s;
 namespace connectivity::plugins {
 
 // Reads from `source`, which is borrowed, and no further than what is asked for needs: the rest of
-// the content may be missing, and not be wanted. Used as a std::istream's buffer, so that corrupt content,
-// and a source that fails, set the stream's bad bit. Content that breaks off is an end of file;
-// brokeOff() tells it. Bytes behind the content are ignored; some of them may have been read.
+// the content may be missing, and not be wanted. Used as a std::istream's buffer, so that corrupt
+// content, and a source that fails, set the stream's bad bit. Content that breaks off is an end of
+// file; brokeOff() tells it. Bytes behind the content are ignored; some of them may have been read.
 class InflatingBuffer final : public std::streambuf {
  public:
   // REQUIRES: `coding` is gzip or deflate.

@@ -33,7 +33,7 @@ bool isBlank(char c) noexcept { return c == ' ' || c == '\t'; }
 }
 
 [[noreturn]] void tooLarge() { throw MessageException("The response head is too large"); }
-[[noreturn]] void notHttp() { throw MessageException("The server's answer is not HTTP"); }
+[[noreturn]] void notHttp() { throw MessageException("The response is not HTTP"); }
 
 // Tells at the first byte that differs, so that nobody waits for the end of such a line.
 void refuseForeignStart(std::string_view bytes) {

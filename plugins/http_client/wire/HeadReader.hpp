@@ -41,7 +41,7 @@ class HeadReader {
 
   // Takes whole lines off the front of `bytes` and returns their size. What is left over is to be
   // given again, with more bytes behind it. Throws Poco::Net::MessageException:
-  //   "The server's answer is not HTTP"
+  //   "The response is not HTTP"
   //   "Malformed status line in the response: HTTP/1.1 20 OK"
   //   "Malformed header line 3 in the response: no colon"  (or: "no field name", "a control
   //                                                         character", "nothing to continue")

@@ -4,7 +4,7 @@
 //   connect   opens the layers below, then this one
 //   send      takes what it can without waiting
 //   receive   gives what has come, and waits for it where it is told to
-//   await     waits for both directions
+//   await     waits for both directions, or for room to send alone
 //   quiet     looks whether the connection can be used again
 //   close     closes the layers below too
 //
@@ -39,8 +39,11 @@ class Layer {
   // At least one byte and at most `size`; 0 at the end of the stream. Nothing where none has come
   // and it was told not to wait. Throws a Poco::IOException where the connection failed.
   virtual std::optional<std::size_t> receive(char* data, std::size_t size, Wait wait) = 0;
-  // Waits until more can be sent or received.
+  // Waits until more can be sent or received. At the end of the stream there is nothing to wait
+  // for: it can be received again and again.
   virtual void awaitEither() = 0;
+  // Waits until more can be sent.
+  virtual void awaitRoom() = 0;
   // Nothing to read: no stray bytes, and the peer has not closed. Never waits. REQUIRES: what was
   // received so far ended with a whole message.
   virtual bool quiet() noexcept = 0;

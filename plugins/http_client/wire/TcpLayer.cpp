@@ -56,7 +56,6 @@ void TcpLayer::connect() {
     const TimeLimits::Deadline share = now + (end - now) / left--;
     try {
       _socket = connectTo(address, share);
-      _ended = false;
       return;
     } catch (const Poco::Exception&) {
       if (!first) first = std::current_exception();
@@ -104,10 +103,11 @@ std::optional<std::size_t> TcpLayer::receive(char* data, std::size_t size, Wait 
   // With a deadline the socket's own time-out would be too long.
   const bool timed = wait == Wait::Yes && _limits.hasDeadline();
   const int flags = wait == Wait::No || timed ? MSG_DONTWAIT : 0;
+  // Where something always comes, nobody waits, and no wait ends at the deadline.
+  if (wait == Wait::No) _limits.check();
   for (;;) {
     if (timed) awaitOrThrow(POLLIN, " sent nothing within the time-out");
     const ssize_t count = ::recv(_socket.descriptor(), data, size, flags);
-    _ended = count == 0;
     if (count >= 0) return static_cast<std::size_t>(count);
     if (errno == EINTR || (timed && wouldBlock(errno))) continue;
     if (!wouldBlock(errno)) socketFailure(errno, "receiving from " + _peer);
@@ -116,11 +116,11 @@ std::optional<std::size_t> TcpLayer::receive(char* data, std::size_t size, Wait 
   }
 }
 
-// The end of the stream stays readable: nobody may wait for it again.
 void TcpLayer::awaitEither() {
-  constexpr short either = POLLIN | POLLOUT;
-  awaitOrThrow(_ended ? POLLOUT : either, " took no data within the time-out");
+  awaitOrThrow(POLLIN | POLLOUT, " took no data within the time-out");
 }
+
+void TcpLayer::awaitRoom() { awaitOrThrow(POLLOUT, " took no data within the time-out"); }
 
 void TcpLayer::awaitOrThrow(short events, const char* otherwise) const {
   _limits.check();

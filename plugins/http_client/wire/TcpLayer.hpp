@@ -31,8 +31,8 @@ class TcpLayer final : public Layer {
   void connect() override;
   std::size_t send(std::span<const std::string_view> pieces) override;
   std::optional<std::size_t> receive(char* data, std::size_t size, Wait wait) override;
-  // Once the end of the stream was received, only until more can be sent.
   void awaitEither() override;
+  void awaitRoom() override;
   bool quiet() noexcept override { return !isReadable(_socket.descriptor()); }
   void close() noexcept override { _socket.close(); }
 
@@ -51,7 +51,6 @@ class TcpLayer final : public Layer {
   const TimeLimits& _limits;
   std::string _peer = theServer;
   Socket _socket;
-  bool _ended = false;  // the end of the stream was received
 };
 
 }  // namespace connectivity::plugins

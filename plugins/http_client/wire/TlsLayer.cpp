@@ -1,6 +1,5 @@
 #include "plugins/http_client/wire/TlsLayer.hpp"
 
-#include <array>
 #include <utility>
 
 #include <Poco/Exception.h>
@@ -181,15 +180,6 @@ std::optional<std::size_t> TlsLayer::receive(char* data, std::size_t size, Wait 
     if (wait == Wait::No) return std::nullopt;
     if (error == SSL_ERROR_WANT_WRITE) _below->awaitEither();
   }
-}
-
-// Behind the end of TLS only the end of the stream below can come, which would end every wait.
-void TlsLayer::awaitEither() {
-  if ((SSL_get_shutdown(_ssl.get()) & SSL_RECEIVED_SHUTDOWN) != 0) {
-    std::array<char, 64> nobodys;  // NOLINT(*-member-init): only written
-    static_cast<void>(_below->receive(nobodys.data(), nobodys.size(), Wait::No));
-  }
-  _below->awaitEither();
 }
 
 void TlsLayer::failed() {

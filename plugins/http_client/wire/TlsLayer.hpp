@@ -33,7 +33,8 @@ class TlsLayer final : public Layer {
   // A connection that ended without saying so (no close_notify) is a
   // Poco::Net::SSLConnectionUnexpectedlyClosedException.
   std::optional<std::size_t> receive(char* data, std::size_t size, Wait wait) override;
-  void awaitEither() override;
+  void awaitEither() override { _below->awaitEither(); }
+  void awaitRoom() override { _below->awaitRoom(); }
   bool quiet() noexcept override;
   // Says goodbye first (close_notify), without waiting.
   void close() noexcept override;

@@ -44,11 +44,12 @@ void Transmission::sendingEnded() {
   if (_whenSent) std::exchange(_whenSent, nullptr)();
 }
 
+// Sends first: a peer that never stops sending must not keep us from it.
 std::size_t Transmission::receive(char* data, std::size_t size) {
   while (sending()) {
-    if (const auto count = _layer->receive(data, size, Wait::No)) return *count;
-    _layer->awaitEither();
     sendSome();
+    if (const auto count = _layer->receive(data, size, Wait::No)) return *count;
+    if (sending()) _layer->awaitEither();
   }
   return _layer->receive(data, size, Wait::Yes).value_or(0);
 }
@@ -59,8 +60,9 @@ bool Transmission::flush() {
   while (sending()) {
     const auto count = _layer->receive(nobodys.data(), nobodys.size(), Wait::No);
     if (count) clean = false;
+    if (!count) _layer->awaitEither();
     // The peer sends no more, and may still read.
-    if (!count || *count == 0) _layer->awaitEither();
+    if (count && *count == 0) _layer->awaitRoom();
     sendSome();
   }
   return clean && !_failure;

@@ -50,7 +50,7 @@ void TunnelLayer::ask() {
   while (!rest.empty()) {
     const std::size_t sent = _proxy->send({&rest, 1});
     rest.remove_prefix(sent);
-    if (sent == 0) _proxy->awaitEither();
+    if (sent == 0) _proxy->awaitRoom();
   }
 }
 

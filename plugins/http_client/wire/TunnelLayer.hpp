@@ -44,6 +44,7 @@ class TunnelLayer final : public Layer {
     return _proxy->receive(data, size, wait);
   }
   void awaitEither() override { _proxy->awaitEither(); }
+  void awaitRoom() override { _proxy->awaitRoom(); }
   bool quiet() noexcept override { return _proxy->quiet(); }
   void close() noexcept override { _proxy->close(); }
 

@@ -418,7 +418,7 @@ TEST_F(Mistake, NoTlsToAPortWithIt) {
   expectFailure(chainFor(server.port()),
                 AnyOf(HasSubstr("\"Connection reset by peer: receiving from the server\"}"),
                       HasSubstr("\"No message received: "),
-                      HasSubstr("\"Malformed message: The server's answer is not HTTP\"}")));
+                      HasSubstr("\"Malformed message: The response is not HTTP\"}")));
 }
 
 TEST_F(Mistake, SelfSignedCertificate) {

@@ -13,7 +13,7 @@ namespace {
 
 using std::string_literals::operator""s;
 
-constexpr const char* notHttp = "Malformed message: The server's answer is not HTTP";
+constexpr const char* notHttp = "Malformed message: The response is not HTTP";
 constexpr const char* tooLarge = "Malformed message: The response head is too large";
 constexpr const char* endsInTheHead =
     "Malformed message: The server closed the connection within the response head";

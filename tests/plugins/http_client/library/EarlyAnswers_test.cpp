@@ -248,8 +248,7 @@ TEST_P(EarlyAnswer, ThatIsMalformedEndsTheSending) {
       "SSH-2.0-OpenSSH\r\n\r\n", [&](Connection& connection) { connection.stallUntil(answered); }));
   PluginUnderTest plugin(to(*server).timeoutSecs(endlessSecs), terse());
   plugin.onDelivery([&](const Answer&) { answered.set(); });
-  EXPECT_EQ(plugin.request(upload()).reason(),
-            "Malformed message: The server's answer is not HTTP");
+  EXPECT_EQ(plugin.request(upload()).reason(), "Malformed message: The response is not HTTP");
   EXPECT_EQ(server->requestCount(), 1U);
 }
 

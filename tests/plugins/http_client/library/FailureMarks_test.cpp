@@ -108,13 +108,14 @@ TEST(FailureMark, WhereTheServerResetsWithoutAnAnswerIsNoAnswer) {
 // A server that takes one connection, reads its request and is gone.
 TEST(FailureMark, WhereOnlyTheSecondAttemptFindsNobodyIsNoAnswer) {
   Descriptor listener = listenOnLoopback();
+  const int port = localPort(listener);
   std::thread server([&listener] {
     const Descriptor connection(::accept(listener.get(), nullptr, nullptr));
     std::array<char, 4096> request{};
     EXPECT_GT(::recv(connection.get(), request.data(), request.size(), 0), 0);
     listener.reset();
   });
-  PluginUnderTest plugin(marking(localPort(listener)));
+  PluginUnderTest plugin(marking(port));
   const Answer answer = plugin.request(Request("POST", "/x").body("a"));
   server.join();
   expectErrorNaming(answer, "Connection refused");

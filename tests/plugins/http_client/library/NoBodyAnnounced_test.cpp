@@ -103,7 +103,7 @@ TEST(InterimResponseWithABody, ThatComesIsNoAnswer) {
        answerWithTarget});
   PluginUnderTest plugin(oneClient(server.port()));
   EXPECT_EQ(plugin.request(Request("GET", "/x")).reason(),
-            "Malformed message: The server's answer is not HTTP");
+            "Malformed message: The response is not HTTP");
   expectInStep(plugin, server, 2);
 }
 

@@ -63,27 +63,27 @@ std::string field(const std::string& line) { return "HTTP/1.1 200 OK\r\n" + line
 
 INSTANTIATE_TEST_SUITE_P(
     Of, ErrorAboutAPeer,
-    ::testing::Values(
-        Peer{"AStatusLine", "HTTP/1.1 20" + nasty + "\r\n\r\n",
-             "Malformed status line in the response: HTTP/1.1 20" + nastyAsText},
-        Peer{"AStatusLineWithANul", "HTTP/1.1 20\0x\r\n\r\n"s,
-             "Malformed status line in the response: HTTP/1.1 20\\x00x"},
-        Peer{"ALongStatusLine", "HTTP/1.1 " + std::string(300, '\xE9') + "\r\n\r\n",
-             "Malformed status line in the response: HTTP/1.1 " +
-                 [] {
-                   std::string text;
-                   for (int i = 0; i < 91; ++i) text += "\u00e9";
-                   return text;
-                 }()},
-        Peer{"ALength", field("Content-Length: 5" + nasty),
-             "Malformed Content-Length in the response: 5" + nastyAsText},
-        Peer{"LengthsThatDiffer", field("Content-Length: 1\r\nContent-Length: 2\r\nX: " + nasty),
-             "Contradictory Content-Length in the response: 1, 2"},
-        Peer{"ATransferCoding", field("Transfer-Encoding: " + nasty),
-             "Unsupported Transfer-Encoding in the response: " + nastyAsText},
-        Peer{"AName", field("X" + nasty + ": a"),
-             "Malformed header line 1 in the response: no field name"},
-        Peer{"AnotherProtocol", nasty + "\r\n\r\n", "The server's answer is not HTTP"}),
+    ::testing::Values(Peer{"AStatusLine", "HTTP/1.1 20" + nasty + "\r\n\r\n",
+                           "Malformed status line in the response: HTTP/1.1 20" + nastyAsText},
+                      Peer{"AStatusLineWithANul", "HTTP/1.1 20\0x\r\n\r\n"s,
+                           "Malformed status line in the response: HTTP/1.1 20\\x00x"},
+                      Peer{"ALongStatusLine", "HTTP/1.1 " + std::string(300, '\xE9') + "\r\n\r\n",
+                           "Malformed status line in the response: HTTP/1.1 " +
+                               [] {
+                                 std::string text;
+                                 for (int i = 0; i < 91; ++i) text += "\u00e9";
+                                 return text;
+                               }()},
+                      Peer{"ALength", field("Content-Length: 5" + nasty),
+                           "Malformed Content-Length in the response: 5" + nastyAsText},
+                      Peer{"LengthsThatDiffer",
+                           field("Content-Length: 1\r\nContent-Length: 2\r\nX: " + nasty),
+                           "Contradictory Content-Length in the response: 1, 2"},
+                      Peer{"ATransferCoding", field("Transfer-Encoding: " + nasty),
+                           "Unsupported Transfer-Encoding in the response: " + nastyAsText},
+                      Peer{"AName", field("X" + nasty + ": a"),
+                           "Malformed header line 1 in the response: no field name"},
+                      Peer{"AnotherProtocol", nasty + "\r\n\r\n", "The response is not HTTP"}),
     nameOf);
 
 TEST(ErrorAboutAPeer, IsInTheLogWithItsControlCharactersEscaped) {

@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(
                   "Malformed status line in the response: HTTP/1.1"},
         Malformed{"WithAStatusThatIsNoNumber", "HTTP/1.1 abc OK\r\n\r\n",
                   "Malformed status line in the response: HTTP/1.1 abc OK"},
-        Malformed{"ThatIsNotHttp", "SSH-2.0-OpenSSH\r\n\r\n", "The server's answer is not HTTP"},
+        Malformed{"ThatIsNotHttp", "SSH-2.0-OpenSSH\r\n\r\n", "The response is not HTTP"},
         Malformed{"WithALengthThatIsNoNumber", "HTTP/1.1 200 OK\r\nContent-Length: abc\r\n\r\n",
                   "Malformed Content-Length in the response: abc"},
         Malformed{"WithANegativeLength", "HTTP/1.1 200 OK\r\nContent-Length: -1\r\n\r\n",

@@ -49,7 +49,7 @@ class TunnelRefused : public ::testing::Test {
 
 TEST_F(TunnelRefused, NamesStatusAndReason) {
   for (const std::string why : {"403 Forbidden", "407 Proxy Authentication Required",
-                                 "502 Bad Gateway", "404 ", "300 Hm", "599 Out of order, sorry"}) {
+                                "502 Bad Gateway", "404 ", "300 Hm", "599 Out of order, sorry"}) {
     expectRefused("HTTP/1.1 " + why + "\r\nContent-Length: 0\r\n\r\n", " refused", ": " + why);
   }
 }
@@ -77,7 +77,7 @@ TEST_F(TunnelRefused, BehindInterimResponsesIsTheOneThatCounts) {
 
 TEST_F(TunnelRefused, ByAnAnswerThatCannotBeReadSaysWhy) {
   const std::string did = " sent no usable answer for";
-  expectRefused("SSH-2.0-proxy\r\n\r\n", did, ": The server's answer is not HTTP");
+  expectRefused("SSH-2.0-proxy\r\n\r\n", did, ": The response is not HTTP");
   expectRefused("HTTP/1.1 2000 OK\r\n\r\n", did,
                 ": Malformed status line in the response: HTTP/1.1 2000 OK");
   expectRefused("HTTP/1.1 200 OK\r\nno field\r\n\r\n", did,

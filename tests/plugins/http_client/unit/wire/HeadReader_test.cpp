@@ -19,7 +19,7 @@ using std::string_literals::operator""s;
 
 constexpr std::size_t limit = 262144;
 const std::string tooLarge = "The response head is too large";
-const std::string notHttp = "The server's answer is not HTTP";
+const std::string notHttp = "The response is not HTTP";
 const std::string statusLine = "HTTP/1.1 200 OK\r\n";
 
 std::string badStatus(const std::string& line) {

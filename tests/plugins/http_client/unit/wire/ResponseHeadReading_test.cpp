@@ -171,7 +171,7 @@ TEST(ResponseHeadReading, EndAfterAByteIsAHeadCutShort) {
 
 TEST(ResponseHeadReading, MalformedHeadHasBegun) {
   Reading foreign("X");
-  foreign.expectNoMore("The server's answer is not HTTP");
+  foreign.expectNoMore("The response is not HTTP");
   EXPECT_TRUE(foreign.progress.begun);
   Reading second(goOn + "HTTP/1.1 200 OK\r\nno colon\r\n\r\n");
   second.expectNoMore("Malformed header line 1 in the response: no colon");

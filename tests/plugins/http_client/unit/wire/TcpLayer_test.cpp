@@ -91,6 +91,7 @@ class TcpLayerTest : public testing::Test {
   }
   void expectDeadline(std::chrono::milliseconds left) { limits.setDeadline(Clock::now() + left); }
 
+  Event answered;  // outlives the look-ups that wait for it
   NameService names;
   Resolver resolver;
   TimeLimits limits{test_support::patience};
@@ -177,7 +178,6 @@ TEST_F(TcpLayerConnect, NamesTheHostThatCannotBeResolved) {
 }
 
 TEST_F(TcpLayerConnect, NamesTheHostThatIsNotResolvedInTime) {
-  Event answered;
   names.hold("slow.test", answered);
   TimeLimits brief(20ms);
   TcpLayer layer("slow.test", 80, resolver, brief);

@@ -5,6 +5,7 @@
 
 #include <Poco/Exception.h>
 #include <Poco/Net/NetException.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "plugins/http_client/wire/HttpSession.hpp"
@@ -198,7 +199,10 @@ TEST_F(HttpSessionSending, AnEarlyAnswerThatIsCutByAResetIsNoOtherAnswer) {
   Client client(server);
   client.send("POST", "/", largeBody());
   server.waitForEndedConnections(1);
-  EXPECT_THROW(client.receive(), Poco::IOException);
+  // What is wrong is the answer, not the sending.
+  EXPECT_THAT([&] { client.receive(); },
+              testing::Throws<Poco::IOException>(testing::Property(
+                  &Poco::Exception::message, testing::Not(testing::HasSubstr("sending")))));
   EXPECT_TRUE(client.session.answerBegun());
 }
 

@@ -40,6 +40,18 @@ TEST(ResponseBody, AReadOfExactlyItsLengthIsGoodAndTheNextOneEndsIt) {
   EXPECT_FALSE(body.bad());
 }
 
+TEST(ResponseBody, IsCompleteWithItsLastByteHoweverItIsRead) {
+  BodyInPieces message({"hello"});
+  ResponseBody& body = message.begin(Framing::Length, 5);
+  for (int i = 0; i < 5; ++i) {
+    EXPECT_FALSE(body.complete());
+    body.get();
+  }
+  EXPECT_TRUE(body.complete());
+  body.abandon();
+  EXPECT_TRUE(body.complete());
+}
+
 TEST(ResponseBody, ALargeReadOffersTheCallersMemory) {
   BodyInPieces message({std::string(100, 'a'), std::string(60000, 'b')});
   ResponseBody& body = message.begin(Framing::Length, 60100);
@@ -186,6 +198,7 @@ TEST(ResponseBody, WhatWasDroppedCanNoLongerBeRead) {
   body.abandon();
   message.input.attach(nullptr);
   EXPECT_EQ(readLarge(body, 100), "");
+  EXPECT_FALSE(body.cutShort()) << "by whom?";
   EXPECT_FALSE(body.complete());
 }
 

@@ -112,14 +112,17 @@ TEST_P(TlsLayerTest, DoesNotWaitToSayGoodbye) {
 }
 
 TEST_P(TlsLayerTest, SaysNothingAfterAFailure) {
-  layer->connect();
-  wire->sendFails = true;
-  EXPECT_THROW(send({"request"}), Poco::IOException);
-  wire->sendFails = false;
-  wire->sends = 0;
-  layer->close();
-  EXPECT_EQ(wire->sends, 0);
-  EXPECT_EQ(wire->closes, 1);
+  for (const bool toSend : {true, false}) {
+    layer->connect();
+    (toSend ? wire->sendFails : wire->receiveFails) = true;
+    EXPECT_THROW(toSend ? send({"request"}) : receive().size(), Poco::IOException);
+    wire->sendFails = wire->receiveFails = false;
+    wire->sends = 0;
+    layer->close();
+    EXPECT_EQ(wire->sends, 0);
+    server.accept();
+  }
+  EXPECT_EQ(wire->closes, 2);
 }
 
 TEST_P(TlsLayerTest, SaysNothingWhereTheHandshakeHasFailed) {

@@ -80,6 +80,25 @@ TEST_P(TlsLayerTest, TakesNothingWhereItWouldHaveToWait) {
   EXPECT_EQ(server.readAll(), "request");
 }
 
+TEST_P(TlsLayerTest, TakesTheRecordsThatThereIsRoomFor) {
+  layer->connect();
+  const std::string bytes(50000, 'x');
+  wire->room = 20000;
+  EXPECT_EQ(send({bytes}), 16384U);
+  EXPECT_EQ(server.readAll(), std::string(16384, 'x'));
+}
+
+TEST_P(TlsLayerTest, TakesTheSameBytesFromAnotherPlace) {
+  layer->connect();
+  wire->room = 5;
+  const std::string bytes(100, 'x');
+  EXPECT_EQ(send({bytes}), 0U);
+  wire->room = endless;
+  const std::string copy = bytes;
+  EXPECT_EQ(send({copy, "and more"}), 108U);
+  EXPECT_EQ(server.readAll(), bytes + "and more");
+}
+
 TEST_P(TlsLayerTest, ReceivesWhileARecordWaitsForRoom) {
   layer->connect();
   wire->room = 5;

@@ -7,6 +7,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "plugins/http_client/request/Refusal.hpp"
+#include "plugins/http_client/text/Ascii.hpp"
 #include "plugins/http_client/text/HeaderRules.hpp"
 
 namespace connectivity::plugins {
@@ -120,17 +121,14 @@ FormField readField(const char* name, const data_t& value, const FormMetadata& m
   return field;
 }
 
-void appendPercentEncoded(std::string& out, std::string_view text) {
-  static constexpr std::string_view digits = "0123456789ABCDEF";
-  static constexpr std::string_view unreserved =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
+// All but the unreserved characters (RFC 3986, 2.3).
+void appendFormEncoded(std::string& out, std::string_view text) {
   for (const char c : text) {
-    if (unreserved.find(c) != std::string_view::npos) {
+    if (isAlphanumeric(c) || c == '-' || c == '.' || c == '_' || c == '~') {
       out += c;
-      continue;
+    } else {
+      appendPercentEncoded(out, c);
     }
-    const auto byte = static_cast<unsigned char>(c);
-    out.append({'%', digits[byte >> 4U], digits[byte & 0xFU]});
   }
 }
 
@@ -182,9 +180,9 @@ std::string urlEncodedForm(const std::vector<FormField>& fields) {
                            "carries");
     }
     if (!text.empty()) text += '&';
-    appendPercentEncoded(text, field.name);
+    appendFormEncoded(text, field.name);
     text += '=';
-    appendPercentEncoded(text, field.value);
+    appendFormEncoded(text, field.value);
   }
   return text;
 }

@@ -19,7 +19,8 @@ namespace {
 // The text for what was thrown but is no exception of the standard library's.
 constexpr const char* unknownException = "Unknown exception";
 
-// Only a library's long text says which file cannot be read, and what() is what gets logged.
+// A name that no certificate can be verified for, say: the long text has the reason, and what() is
+// what gets logged.
 SessionHome openHome(const Workplace& workplace, const WorkerLog& log) {
   try {
     return SessionHome(workplace.options, workplace.tlsContexts, workplace.resolver, log);

@@ -85,7 +85,7 @@ TEST(ResponseBodyChunks, IsCutShortWhereItsChunksAreMalformed) {
   expectCutShort("5 5\r\nhello\r\n0\r\n\r\n", "");
   expectCutShort("5;a\001b\r\nhello\r\n0\r\n\r\n", "");
   expectCutShort("5\rhello\r\n0\r\n\r\n", "");
-  expectCutShort(std::string("5;\0\r\nhello\r\n0\r\n\r\n", 19), "");
+  expectCutShort(std::string("5;\0\r\nhello\r\n0\r\n\r\n", 17), "");
   expectCutShort("5\r\nhelloworld\r\n0\r\n\r\n", "hello");
   expectCutShort("5\r\nhellow\n0\r\n\r\n", "hello");
   expectCutShort("8000000000000000\r\nhello", "");

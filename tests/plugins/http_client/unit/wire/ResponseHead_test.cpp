@@ -137,8 +137,9 @@ TEST(ResponseHead, ForgetsEverythingWhenItIsCleared) {
   EXPECT_EQ(head.reason(), "");
   EXPECT_EQ(fieldsOf(head), Pairs());
   EXPECT_EQ(head.find("Set-Cookie"), std::nullopt);
-  head.setStatus(0, 404, "Gone");
   head.addField("B", "c");
+  EXPECT_EQ(head.reason(), "");
+  head.setStatus(0, 404, "Gone");
   EXPECT_EQ(head.reason(), "Gone");
   EXPECT_EQ(fieldsOf(head), (Pairs{{"B", "c"}}));
 }

@@ -84,7 +84,8 @@ class Connection {
   // unread. For where not closing is a result.
   bool peerClosesWithin(std::chrono::milliseconds limit);
 
-  void send(std::string_view bytes) { _channel.send(bytes); }
+  // False where the peer takes no more.
+  bool send(std::string_view bytes) { return _channel.send(bytes); }
   // A response with a Content-Length, unless the headers have one or a Transfer-Encoding.
   void sendResponse(int status, const HeaderList& headers = {}, std::string_view body = {});
   void sendChunked(int status, const HeaderList& headers, const std::vector<std::string>& chunks,

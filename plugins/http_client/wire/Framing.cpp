@@ -45,12 +45,15 @@ bool hasToken(const ResponseHead& head, std::string_view name, std::string_view 
   return found;
 }
 
-// Of all fields of that name, as an error shows them.
+// Of the fields of that name, as an error shows them.
 std::string shownValues(const ResponseHead& head, std::string_view name) {
+  constexpr std::size_t shownBytes = 100;  // of one value
+  constexpr std::size_t enough = 200;      // of all together
   std::string text;
   for (const std::string_view value : head.findAll(name)) {
+    if (text.size() >= enough) return text + ", ...";
     if (!text.empty()) text += ", ";
-    text += shownFromWire(value.substr(0, 100));
+    text += shownFromWire(value.substr(0, shownBytes));
   }
   return text;
 }

@@ -67,9 +67,9 @@ class ResponseHead {
 
   // For whoever reads a head off the wire.
   void clear() noexcept {
-    setStatus(0, 0, {});
     _fields.clear();
     _text.clear();
+    setStatus(0, 0, {});
   }
   void setStatus(int minorVersion, int status, std::string_view reason) {
     _minorVersion = minorVersion;

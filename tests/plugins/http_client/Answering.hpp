@@ -10,9 +10,9 @@
 #include <string_view>
 #include <utility>
 
-#include <Poco/DeflatingStream.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/Coders.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -147,32 +147,6 @@ inline void expectError(const Answer& answer, std::string_view beginning) {
   EXPECT_FALSE(answer.reason().empty());
   EXPECT_NE(answer.reason(), malformed) << "does not say what is wrong";
   EXPECT_TRUE(isUtf8(answer.reason()));
-}
-
-// --- Bodies -------------------------------------------------------------------------------------
-
-inline std::string compressed(const std::string& text, Poco::DeflatingStreamBuf::StreamType type,
-                              int level = 6) {
-  std::ostringstream out;
-  Poco::DeflatingOutputStream coder(out, type, level);
-  coder << text;
-  coder.close();
-  return out.str();
-}
-inline std::string gzip(const std::string& text) {
-  return compressed(text, Poco::DeflatingStreamBuf::STREAM_GZIP);
-}
-
-// Printable bytes that cannot be compressed away, the same in every run.
-inline std::string noise(std::size_t count) {
-  std::string text;
-  text.reserve(count);
-  std::uint32_t state = 1;
-  while (text.size() < count) {
-    state = state * 1664525U + 1013904223U;
-    text.push_back(static_cast<char>('!' + (state >> 24U) % 90U));
-  }
-  return text;
 }
 
 }  // namespace test_support

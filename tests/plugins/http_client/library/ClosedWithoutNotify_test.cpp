@@ -72,10 +72,6 @@ std::string ofLength(const std::string& body, const std::string& fields = "") {
 std::string coded(const char* coding) {
   return std::string("Content-Encoding: ") + coding + "\r\n";
 }
-std::string zlib(const std::string& text) {
-  return compressed(text, Poco::DeflatingStreamBuf::STREAM_ZLIB);
-}
-
 INSTANTIATE_TEST_SUITE_P(
     Of, EndThatWasAnnounced,
     ::testing::Values(Sent{"ALength", ofLength("whole"), "whole"},

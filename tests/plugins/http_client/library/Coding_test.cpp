@@ -2,11 +2,9 @@
 #include <sstream>
 #include <string>
 
-#include <Poco/DeflatingStream.h>
-#include <Poco/InflatingStream.h>
-#include <Poco/StreamCopier.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/Coders.hpp"
 #include "tests/support/Messages.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -16,28 +14,15 @@ namespace {
 using test_support::Answer;
 using test_support::Config;
 using test_support::Connection;
+using test_support::gunzip;
+using test_support::gzip;
 using test_support::PluginUnderTest;
 using test_support::RecordedRequest;
 using test_support::Request;
 using test_support::ScriptedServer;
+using test_support::unzlib;
 
 constexpr const char* ioError = "Error processing response stream: I/O error";
-
-std::string gzip(const std::string& text) {
-  std::ostringstream out;
-  Poco::DeflatingOutputStream deflating(out, Poco::DeflatingStreamBuf::STREAM_GZIP);
-  deflating << text;
-  deflating.close();
-  return out.str();
-}
-
-std::string inflated(const std::string& bytes, Poco::InflatingStreamBuf::StreamType type) {
-  std::istringstream input(bytes);
-  Poco::InflatingInputStream inflating(input, type);
-  std::string text;
-  Poco::StreamCopier::copyToString(inflating, text);
-  return text;
-}
 
 std::string textOf(std::size_t size) {
   std::string text(size, '\0');
@@ -128,7 +113,7 @@ TEST_F(Coding, RequestBodyIsCompressed) {
   const std::string text = textOf(300000);
   const RecordedRequest gzipped =
       sent(Request("POST", "/x").body(text).header("Content-Encoding", "gzip"));
-  EXPECT_TRUE(inflated(gzipped.body, Poco::InflatingStreamBuf::STREAM_GZIP) == text);
+  EXPECT_TRUE(gunzip(gzipped.body) == text);
   EXPECT_EQ(gzipped.header("Content-Encoding"), "gzip");
   EXPECT_EQ(gzipped.header("Content-Length"), std::to_string(gzipped.body.size()));
   EXPECT_EQ(gzipped.headerCount("Transfer-Encoding"), 0U);
@@ -136,7 +121,7 @@ TEST_F(Coding, RequestBodyIsCompressed) {
 
   const RecordedRequest deflated =
       sent(Request("PUT", "/x").body(text).header("Content-Encoding", "deflate"));
-  EXPECT_TRUE(inflated(deflated.body, Poco::InflatingStreamBuf::STREAM_ZLIB) == text);
+  EXPECT_TRUE(unzlib(deflated.body) == text);
 }
 
 TEST_F(Coding, RequestBodyUnderIdentityIsSentAsItIs) {
@@ -148,7 +133,7 @@ TEST_F(Coding, EmptyRequestBodyUnderGzipIsAValidEmptyStream) {
   const RecordedRequest request =
       sent(Request("POST", "/x").body("").header("Content-Encoding", "gzip"));
   EXPECT_EQ(request.body.size(), 20U);
-  EXPECT_EQ(inflated(request.body, Poco::InflatingStreamBuf::STREAM_GZIP), "");
+  EXPECT_EQ(gunzip(request.body), "");
 }
 
 TEST_F(Coding, SizeOfTheRequestIsTheCompressedOne) {
@@ -196,7 +181,7 @@ TEST_F(Coding, RetryCompressesTheBodyAgain) {
   EXPECT_EQ(answer.status(), 200) << answer.reason();
   ASSERT_EQ(closing.requestCount(), 2U);
   EXPECT_EQ(closing.request(0).body, closing.request(1).body);
-  EXPECT_EQ(inflated(closing.request(1).body, Poco::InflatingStreamBuf::STREAM_GZIP), "text");
+  EXPECT_EQ(gunzip(closing.request(1).body), "text");
 }
 
 // --- responses ----------------------------------------------------------------------------------

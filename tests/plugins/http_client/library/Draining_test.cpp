@@ -164,11 +164,10 @@ struct Coded {
 
 std::vector<Coded> codedBodies() {
   const std::string text = noise(100'000);
-  const std::string zlib = compressed(text, Poco::DeflatingStreamBuf::STREAM_ZLIB);
   return {{"", text, text},
           {"gzip", text, gzip(text)},
-          {"deflate", text, zlib},
-          {"deflate", text, zlib.substr(2, zlib.size() - 6)}};
+          {"deflate", text, zlib(text)},
+          {"deflate", text, rawDeflate(text)}};
 }
 
 TEST_P(BehindTheLimit, ABodyThatBreaksOffChangesNothing) {

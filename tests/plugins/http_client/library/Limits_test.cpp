@@ -7,6 +7,7 @@
 #include <Poco/DeflatingStream.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/Coders.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -18,25 +19,6 @@ constexpr const char* rejection =
     "Response exceeded maxResponseKB, with maxResponsePolicy set to REJECT";
 
 std::string zeros(std::size_t count) { return std::string(count, '\0'); }
-
-std::string gzip(const std::string& text, int level = 6) {
-  std::ostringstream out;
-  Poco::DeflatingOutputStream coder(out, Poco::DeflatingStreamBuf::STREAM_GZIP, level);
-  coder << text;
-  coder.close();
-  return out.str();
-}
-
-// Bytes that cannot be compressed away, the same in every run.
-std::string noise(std::size_t count) {
-  std::string text;
-  std::uint32_t state = 1;
-  while (text.size() < count) {
-    state = state * 1664525U + 1013904223U;
-    text.push_back(static_cast<char>('!' + (state >> 24U) % 90U));
-  }
-  return text;
-}
 
 // Without printing bodies of many thousand bytes.
 void expectBody(const Answer& answer, const std::string& expected) {

@@ -17,10 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include <Poco/DeflatingStream.h>
-#include <Poco/InflatingStream.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/Coders.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -75,26 +74,6 @@ std::string bytes(int number) {
   auto state = static_cast<std::uint64_t>(number);
   for (char& byte : all) byte = static_cast<char>(state = mixed(state));
   return all;
-}
-
-std::string coded(const std::string& plain, Poco::DeflatingStreamBuf::StreamType type) {
-  std::ostringstream out;
-  Poco::DeflatingOutputStream coder(out, type);
-  coder << plain;
-  coder.close();
-  return out.str();
-}
-
-std::string gzip(const std::string& plain) {
-  return coded(plain, Poco::DeflatingStreamBuf::STREAM_GZIP);
-}
-
-std::string gunzip(const std::string& body) {
-  std::istringstream in(body);
-  Poco::InflatingInputStream decoder(in, Poco::InflatingStreamBuf::STREAM_GZIP);
-  std::ostringstream out;
-  out << decoder.rdbuf();
-  return out.str();
 }
 
 // "/n/<number>", and a step behind it where a request has several.
@@ -262,7 +241,7 @@ void addFramingsAndCodings(std::vector<Kind>& all) {
                  [](Connection& connection, const Arrival& arrival) {
                    connection.sendResponse(
                        200, headersOf(arrival.number, {{"Content-Encoding", "deflate"}}),
-                       coded(content(arrival.number), Poco::DeflatingStreamBuf::STREAM_ZLIB));
+                       zlib(content(arrival.number)));
                    return true;
                  },
                  itsContent});

@@ -13,15 +13,6 @@ namespace {
 
 using std::string_literals::operator""s;
 
-std::string zlib(const std::string& text, int level = 6) {
-  return compressed(text, Poco::DeflatingStreamBuf::STREAM_ZLIB, level);
-}
-// What lies between zlib's header of two bytes and its checksum of four.
-std::string raw(const std::string& text, int level = 6) {
-  const std::string whole = zlib(text, level);
-  return whole.substr(2, whole.size() - 6);
-}
-
 std::string deflated(const std::string& content) {
   return responseHead(200, {{"Content-Encoding", "deflate"},
                             {"Content-Length", std::to_string(content.size())}}) +
@@ -91,13 +82,14 @@ std::string repeated(std::size_t count) {
 
 INSTANTIATE_TEST_SUITE_P(
     Raw, Deflate,
-    ::testing::Values(Content{"OfAWord", raw("word"), "word"}, Content{"OfNothing", "\x03\0"s, ""},
-                      Content{"OfLines", raw(repeated(5000)), repeated(5000)},
-                      Content{"ThatIsStored", raw(noise(3000), 0), noise(3000)},
-                      Content{"InSeveralBlocks", raw(noise(300'000)), noise(300'000)},
-                      Content{"ThatGrowsAlot", raw(std::string(2'000'000, 'x'), 9),
+    ::testing::Values(Content{"OfAWord", rawDeflate("word"), "word"},
+                      Content{"OfNothing", "\x03\0"s, ""},
+                      Content{"OfLines", rawDeflate(repeated(5000)), repeated(5000)},
+                      Content{"ThatIsStored", rawDeflate(noise(3000), 0), noise(3000)},
+                      Content{"InSeveralBlocks", rawDeflate(noise(300'000)), noise(300'000)},
+                      Content{"ThatGrowsAlot", rawDeflate(std::string(2'000'000, 'x'), 9),
                               std::string(2'000'000, 'x')},
-                      Content{"OfBytesThatAreNoText", raw("\0\xFF\x80"s), "\0\xFF\x80"s}),
+                      Content{"OfBytesThatAreNoText", rawDeflate("\0\xFF\x80"s), "\0\xFF\x80"s}),
     nameOf);
 
 INSTANTIATE_TEST_SUITE_P(
@@ -134,23 +126,22 @@ std::string withoutItsEnd(const std::string& bytes) { return bytes.substr(0, byt
 
 INSTANTIATE_TEST_SUITE_P(
     That, BadDeflate,
-    ::testing::Values(Content{"IsRawAndBreaksOff", withoutItsEnd(raw(noise(3000))), cutShort},
-                      Content{"IsRawAndBreaksOffEarly", raw("word").substr(0, 2), cutShort},
-                      Content{"IsAByte", "\x03", cutShort},
-                      Content{"IsAByteOfZlibs", "x", cutShort},
-                      Content{"IsAHeaderAlone", zlib("word").substr(0, 2), cutShort},
-                      Content{"HasNoChecksum", withoutItsEnd(zlib("word")), cutShort},
-                      Content{"HasAWrongChecksum", withoutItsEnd(zlib("word")) + "?", broken},
-                      Content{"IsRawAndCorrupt", corrupted(raw(noise(3000))), broken},
-                      Content{"IsCorrupt", corrupted(zlib(noise(3000))), broken},
-                      Content{"IsGzip", gzip("word"), broken},
-                      Content{"IsText", "no deflate at all", broken}),
+    ::testing::Values(
+        Content{"IsRawAndBreaksOff", withoutItsEnd(rawDeflate(noise(3000))), cutShort},
+        Content{"IsRawAndBreaksOffEarly", rawDeflate("word").substr(0, 2), cutShort},
+        Content{"IsAByte", "\x03", cutShort}, Content{"IsAByteOfZlibs", "x", cutShort},
+        Content{"IsAHeaderAlone", zlib("word").substr(0, 2), cutShort},
+        Content{"HasNoChecksum", withoutItsEnd(zlib("word")), cutShort},
+        Content{"HasAWrongChecksum", withoutItsEnd(zlib("word")) + "?", broken},
+        Content{"IsRawAndCorrupt", corrupted(rawDeflate(noise(3000))), broken},
+        Content{"IsCorrupt", corrupted(zlib(noise(3000))), broken},
+        Content{"IsGzip", gzip("word"), broken}, Content{"IsText", "no deflate at all", broken}),
     nameOf);
 
 // --- Limits -------------------------------------------------------------------------------------
 
 TEST(RawDeflateLimit, CountsDecodedBytes) {
-  ScriptedServer server(firstGets(deflated(raw(repeated(50'000)))));
+  ScriptedServer server(firstGets(deflated(rawDeflate(repeated(50'000)))));
   PluginUnderTest plugin(oneClient(server.port()));
   Request request("GET", "/x");
   request.limit(1).policy("TRUNCATE_END");
@@ -160,7 +151,7 @@ TEST(RawDeflateLimit, CountsDecodedBytes) {
 }
 
 TEST(RawDeflateBehindItsEnd, BytesAreIgnored) {
-  ScriptedServer server(firstGets(deflated(raw("word") + "and some more")));
+  ScriptedServer server(firstGets(deflated(rawDeflate("word") + "and some more")));
   PluginUnderTest plugin(oneClient(server.port()));
   EXPECT_EQ(plugin.request(Request("GET", "/x")).body(), "word");
   expectInStep(plugin, server, 1);

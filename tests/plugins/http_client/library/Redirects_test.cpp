@@ -10,6 +10,7 @@
 #include <Poco/DeflatingStream.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/Coders.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -489,14 +490,6 @@ TEST_F(Redirects, WithABodyCutShortFailTheRequest) {
   EXPECT_EQ(answer.status(), 400);
   EXPECT_EQ(answer.reason(), "Error processing response stream: I/O error");
   EXPECT_EQ(cutting.requestCount(), 1U);
-}
-
-std::string gzip(const std::string& text) {
-  std::ostringstream out;
-  Poco::DeflatingOutputStream coder(out, Poco::DeflatingStreamBuf::STREAM_GZIP);
-  coder << text;
-  coder.close();
-  return out.str();
 }
 
 TEST_F(Redirects, WithACodedBodyAreFollowed) {

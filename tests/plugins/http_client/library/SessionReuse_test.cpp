@@ -7,6 +7,7 @@
 #include <Poco/DeflatingStream.h>
 #include <gtest/gtest.h>
 
+#include "tests/support/Coders.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScriptedServer.hpp"
 
@@ -289,14 +290,6 @@ TEST(SessionBodies, TrickledByteByByteArriveWhole) {
 }
 
 // --- Coded bodies -------------------------------------------------------------------------------
-
-std::string gzip(const std::string& text, int level = 6) {
-  std::ostringstream out;
-  Poco::DeflatingOutputStream coder(out, Poco::DeflatingStreamBuf::STREAM_GZIP, level);
-  coder << text;
-  coder.close();
-  return out.str();
-}
 
 // Uncompressed, so that the coded length can be chosen.
 std::pair<std::string, std::string> textOfCodedLength(std::size_t length) {

@@ -11,7 +11,7 @@
 
 #include "connectivity/value_access.hpp"
 #include "tests/plugins/http_client/unit/exchange/ExchangeParts.hpp"
-#include "tests/plugins/http_client/unit/response/Codings.hpp"
+#include "tests/support/Coders.hpp"
 #include "tests/support/Descriptor.hpp"
 #include "tests/support/Event.hpp"
 #include "tests/support/ScriptedProxy.hpp"
@@ -23,6 +23,7 @@ namespace {
 using test_support::CertificateAuthority;
 using test_support::Config;
 using test_support::Connection;
+using test_support::gzip;
 using test_support::Request;
 using test_support::ScriptedProxy;
 using test_support::ScriptedServer;

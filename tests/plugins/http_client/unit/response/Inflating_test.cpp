@@ -11,10 +11,17 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/plugins/http_client/unit/response/Codings.hpp"
+#include "tests/support/Coders.hpp"
 
 namespace connectivity::plugins {
 namespace {
+
+using test_support::emptyGzip;
+using test_support::emptyZlib;
+using test_support::gzip;
+using test_support::noise;
+using test_support::rawDeflate;
+using test_support::zlib;
 
 using Coding = SupportedMediaType;
 

@@ -13,10 +13,17 @@
 
 #include "orrery/Exception.hpp"
 #include "plugins/http_client/wire/ResponseBody.hpp"
-#include "tests/plugins/http_client/unit/response/Codings.hpp"
+#include "tests/support/Coders.hpp"
 
 namespace connectivity::plugins {
 namespace {
+
+using test_support::emptyGzip;
+using test_support::emptyZlib;
+using test_support::gzip;
+using test_support::noise;
+using test_support::rawDeflate;
+using test_support::zlib;
 
 constexpr const char* ioError = "Error processing response stream: I/O error";
 constexpr const char* seriousError = "Error processing response stream: Serious I/O error";

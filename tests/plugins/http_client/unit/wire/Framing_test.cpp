@@ -136,6 +136,13 @@ TEST(Framing, ErrorShowsTheFirst100BytesOfEachValue) {
   expectFraming({"Transfer-Encoding: " + shown + "y"}, unsupported(shown));
 }
 
+TEST(Framing, ErrorShowsNoMoreThanTheFirstValues) {
+  const std::string length = "Content-Length: " + std::string(99, 'x');
+  const std::string value(99, 'x');
+  expectFraming({length, length, "Content-Length: 5"}, malformed(value + ", " + value + ", ..."));
+  expectFraming({length, "Content-Length: 5"}, malformed(value + ", 5"));
+}
+
 // --- Transfer codings ---------------------------------------------------------------------------
 
 TEST(Framing, ChunkedIsTheOneTransferCoding) {

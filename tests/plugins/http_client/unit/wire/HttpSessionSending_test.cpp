@@ -38,16 +38,19 @@ class HttpSessionSending : public testing::Test {
   // Sends this before it reads the request's body; then reads that when it is told to.
   ScriptedServer::Script answeringEarly(const std::string& answer) {
     return [this, answer](Peer& peer) {
-      peer.readHead();
-      peer.send(answer);
-      mayRead.wait();
-      if (peer.readBytes(beyondBuffers)) bodyArrived.set();
+      if (peer.number() == 1) {
+        peer.readHead();
+        if (peer.send(answer)) answerTaken.set();
+        mayRead.wait();
+        if (peer.readBytes(beyondBuffers)) bodyArrived.set();
+      }
       while (peer.readRequest()) peer.send(ok);
     };
   }
 
   Event mayRead{"the server to be allowed to read"};
   Event bodyArrived{"the request's body"};
+  Event answerTaken{"the server to get rid of its answer"};
 };
 
 TEST_F(HttpSessionSending, AServerThatAnswersAsItReadsDoesNotStall) {
@@ -208,18 +211,18 @@ TEST_F(HttpSessionSending, AnEarlyAnswerThatIsCutByAResetIsNoOtherAnswer) {
 
 // --- what is read past while the request goes out
 
+// The server reads on when all of its answer is gone, which is more than sockets hold. What of the
+// request is still on its way when the rest of the answer is given up, nobody knows.
 TEST_F(HttpSessionSending, ALimitThatIsExceededMeanwhileDoesNotEndTheSending) {
-  constexpr std::size_t size = 3 * HttpSession::drainBytes;
-  // The whole answer leaves before the request is read, whoever has to take it.
+  constexpr std::size_t size = beyondBuffers + HttpSession::drainBytes;
   mayRead.set();
   ScriptedServer server(
       answeringEarly("HTTP/1.1 200 OK\r\n" + lengthOf(size) + std::string(size, 'x')));
   Client client(server);
   client.post(largeBody()).get();
   client.session.finish(Leftover::OverLimit);
-  bodyArrived.wait();
+  answerTaken.wait();
   EXPECT_EQ(client.fetch(), "ok");
-  EXPECT_EQ(server.connectionCount(), 1U);
 }
 
 TEST_F(HttpSessionSending, TheTimeForReadingPastCountsFromWhenTheRequestIsOut) {
@@ -240,14 +243,14 @@ TEST_F(HttpSessionSending, TheTimeForReadingPastCountsFromWhenTheRequestIsOut) {
 }
 
 TEST_F(HttpSessionSending, ABodyThatNobodyWantsIsReadPastUntilTheRequestIsOut) {
-  constexpr std::size_t size = 20000000;
+  constexpr std::size_t size = beyondBuffers;
   mayRead.set();
   ScriptedServer server(
       answeringEarly("HTTP/1.1 200 OK\r\n" + lengthOf(size) + std::string(size, 'x')));
   Client client(server);
   client.post(largeBody());
   client.session.finish(Leftover::None);
-  bodyArrived.wait();
+  answerTaken.wait();
 }
 
 // --- the end of the answer, before that of the request

@@ -62,8 +62,6 @@ void TunnelLayer::readAnswer() {
   HeadProgress progress;
   try {
     readResponseHead(input, answer, sentenceStart(_name), progress);
-  } catch (const Poco::Net::NoMessageException&) {
-    throw;
   } catch (const MessageException& failure) {
     throw TunnelRefused(sentenceStart(_name) + " sent no usable answer for a tunnel to " + _target +
                         ": " + failure.message());

@@ -26,6 +26,12 @@ unsigned int sampleOf(std::uint64_t bytes) noexcept {
   return static_cast<unsigned int>(std::min(bytes, most));
 }
 
+// A redirect that could not be followed, `name` its kind or null. Its row of the table says what is
+// logged and what it does to the transport's status.
+Failure handleRedirectException(const char* name, const char* message) {
+  return {FailureKind::RedirectFailed, name == nullptr ? "" : name, message};
+}
+
 }  // namespace
 
 Exchange::Exchange(const ConfiguredOptions& options, Cookies& cookies, SessionHome& home,
@@ -43,8 +49,7 @@ Outcome Exchange::handleRequest(request& req) noexcept {
   try {
     perform(req, outcome);
   } catch (const RedirectFailed& failure) {
-    const char* name = failure.name();
-    outcome.failure = {FailureKind::RedirectFailed, name == nullptr ? "" : name, failure.what()};
+    outcome.failure = handleRedirectException(failure.name(), failure.what());
     outcome.response.reset();
   } catch (...) {
     outcome.failure = currentFailure(kindOfFailure());

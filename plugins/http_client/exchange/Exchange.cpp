@@ -43,7 +43,7 @@ Exchange::Exchange(const ConfiguredOptions& options, Cookies& cookies, SessionHo
       _log(log),
       _heads(options, cookies, log) {}
 
-Outcome Exchange::handleRequest(request& req) noexcept {
+Outcome Exchange::handleRequest(request& req) {
   Outcome outcome;
   _reached = Reached::Nothing;
   try {

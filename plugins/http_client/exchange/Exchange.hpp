@@ -37,8 +37,9 @@ class Exchange {
   Exchange(const ConfiguredOptions& options, Cookies& cookies, SessionHome& home,
            const WorkerLog& log);
 
-  // The response's head is the session's: valid until the session is used or closed.
-  Outcome handleRequest(request& req) noexcept;
+  // Whatever becomes of the request is in the outcome; throws only where memory does not suffice to
+  // tell it. The response's head is the session's: valid until the session is used or closed.
+  Outcome handleRequest(request& req);
   // Gives memory back that a large response has left. Call it when an answer has been delivered.
   void trim() noexcept;
 

@@ -3,15 +3,19 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <exception>
+#include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <stdexcept>
 #include <strings.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
+#include <thread>
 
 #include <climits>
 #include <gtest/gtest.h>
@@ -47,6 +51,7 @@ class ScriptedServer::SocketChannel : public Channel {
     closeSocket();
   }
   void reset() override {
+    awaitAcknowledged();
     const linger now{1, 0};
     ::setsockopt(_socket.get(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
     closeSocket();
@@ -61,6 +66,17 @@ class ScriptedServer::SocketChannel : public Channel {
   }
 
  private:
+  // A reset drops what the kernel has not sent yet; the peer has what was acknowledged. A peer that
+  // does not read does not get all.
+  void awaitAcknowledged() const {
+    constexpr int mostMilliseconds = 500;
+    for (int passed = 0; passed < mostMilliseconds; ++passed) {
+      int bytes = 0;
+      if (::ioctl(_socket.get(), SIOCOUTQ, &bytes) != 0 || bytes == 0) return;
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+  }
+
   // Closing a socket that holds unread bytes would reset it, and the peer might lose the response.
   void discardReceived() {
     std::array<char, 16384> piece{};

@@ -100,7 +100,7 @@ class EntryPairs {
     if (!_candidates && !beginEntry()) return true;
     _candidate = _candidates->next();
     if (_candidate == nullptr) return false;
-    pair = {&details::keyOf(*_candidate), _key};
+    pair = {&details::keyOf(*_candidate), &_at.key()};
     return std::nullopt;
   }
   // Keys may differ: then the next candidate is looked at.
@@ -113,10 +113,10 @@ class EntryPairs {
  private:
   // False at the end of the map.
   bool beginEntry() {
-    if (_key != nullptr) ++_at;
+    if (_hasBegun) ++_at;
+    _hasBegun = true;
     if (_at.atEnd()) return false;
-    _key = &_at.key();
-    const std::uint64_t hash = _keys.of(*_key);
+    const std::uint64_t hash = _keys.of(_at.key());
     _candidates.emplace(_right.table(), hash);
     return true;
   }
@@ -124,7 +124,7 @@ class EntryPairs {
   map_t::const_iterator _at;
   const map_t& _right;
   hashes::KeyHashes& _keys;
-  const data_t* _key = nullptr;
+  bool _hasBegun = false;
   std::optional<details::Candidates> _candidates;  // while the key is looked for
   const details::Slot* _candidate = nullptr;
   bool _isKeyFound = false;

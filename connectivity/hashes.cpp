@@ -124,8 +124,11 @@ class ShallowHash : public calculate_hash {
   static std::uint64_t of(const map_t& map, unsigned deeper) {
     const ShallowHash entry(hashSeed, deeper);
     std::uint64_t sum = hashSeed;
-    for (const auto& [slotHash, key, value] : map)
-      sum += key.apply_visitor(entry) + value.apply_visitor(entry);
+    // The hash of a key may call the host: the iterator looks again before it gives the value.
+    for (auto at = map.begin(); !at.atEnd(); ++at) {
+      sum += at.key().apply_visitor(entry);
+      sum += at.value().apply_visitor(entry);
+    }
     return sum;
   }
 

@@ -44,22 +44,24 @@ class MapWalk {
   explicit MapWalk(const map_t& map) : _at(map.begin()) {}
 
   // The next key or value, or null at the end. Raises the errors of map_t's iterators where the map
-  // has changed since the entry before.
+  // has changed since the one before: what is done with a key may call the host.
   const data_t* next() {
-    if (_value != nullptr) return std::exchange(_value, nullptr);
+    if (_isAtKey) {
+      _isAtKey = false;
+      return &_at.value();
+    }
     if (_hasBegun) ++_at;
     _hasBegun = true;
     if (_at.atEnd()) return nullptr;
-    const auto entry = *_at;
-    _value = &entry.second;
-    return &entry.first;
+    _isAtKey = true;
+    return &_at.key();
   }
   // Whether next() gave a key at last.
-  bool isAtKey() const noexcept { return _value != nullptr; }
+  bool isAtKey() const noexcept { return _isAtKey; }
 
  private:
   map_t::const_iterator _at;
-  const data_t* _value = nullptr;  // of the key that was given at last
+  bool _isAtKey = false;
   bool _hasBegun = false;
 };
 

@@ -38,11 +38,13 @@ install_packages() {
     apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2
 }
 
-# Configures and builds one preset: build_preset NAME [TARGET ...]
+# Configures and builds one preset: build_preset NAME [TARGET ...]. With ORRERY_TESTS_BY_PROGRAM=ON in
+# the environment its tests run program by program, not each in a process of its own.
 build_preset() {
   local preset="$1"
   shift
-  cmake -S "$project" --preset "$preset" >&2
+  cmake -S "$project" --preset "$preset" \
+    -DORRERY_TESTS_BY_PROGRAM="${ORRERY_TESTS_BY_PROGRAM:-OFF}" >&2
   cmake --build "$project/build/$preset" -j "$jobs" ${1:+--target "$@"} >&2
 }
 

@@ -223,12 +223,12 @@ TEST(Resolver, ItsEndWaitsForLookUpsThatWereGivenUp) {
   EXPECT_EQ(names.asked("slow.test"), 1U);
 }
 
+#ifdef ADDRESS_SPACE_CAN_BE_LIMITED
+
 std::size_t threadCount() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
   return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
 }
-
-#ifdef ADDRESS_SPACE_CAN_BE_LIMITED
 
 // A thread that has ended keeps its stack until it is joined, and few stacks have room here.
 TEST(Resolver, LookUpsThatWereGivenUpAreClearedAway) {

@@ -3,14 +3,10 @@
 // undefined, there is no such class.
 #pragma once
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-#if defined(__has_feature)
-#if !__has_feature(thread_sanitizer) && !__has_feature(address_sanitizer)
+#include "tests/support/Sanitizers.hpp"
+
+#ifndef BUILT_WITH_A_SANITIZER
 #define ADDRESS_SPACE_CAN_BE_LIMITED
-#endif
-#else
-#define ADDRESS_SPACE_CAN_BE_LIMITED
-#endif
 #endif
 
 #ifdef ADDRESS_SPACE_CAN_BE_LIMITED

@@ -7,18 +7,13 @@
 
 #include "tests/plugins/http_client/Answering.hpp"
 #include "tests/plugins/http_client/PlainOrTls.hpp"
+#include "tests/support/Sanitizers.hpp"
 
 namespace test_support {
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef BUILT_WITH_A_SANITIZER
 constexpr bool countsAllocations = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-constexpr bool countsAllocations = false;
-#else
-constexpr bool countsAllocations = true;
-#endif
 #else
 constexpr bool countsAllocations = true;
 #endif

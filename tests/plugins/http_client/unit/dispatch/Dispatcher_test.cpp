@@ -90,10 +90,10 @@ class DispatcherTest : public testing::Test {
     }
   }
 
-  const LogDouble log;
+  const LogDouble log{};
   HostDouble host;
   std::atomic<long long> lastTaken{0};
-  const DataTConstants keys;
+  const DataTConstants keys{};
   const Logger logger{"connectivity.test"};
 
  private:

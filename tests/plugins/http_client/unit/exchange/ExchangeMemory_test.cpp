@@ -12,7 +12,10 @@
 
 #include "plugins/http_client/exchange/Exchange.hpp"
 #include "tests/plugins/http_client/unit/exchange/ExchangeParts.hpp"
+#include "tests/support/Sanitizers.hpp"
 #include "tests/support/ScriptedServer.hpp"
+
+#ifndef BUILT_WITH_A_SANITIZER
 
 namespace {
 
@@ -70,3 +73,5 @@ TEST(ExchangeBuffer, OfASmallResponseIsNeverLarge) { EXPECT_EQ(keptAfter(1000, f
 
 }  // namespace
 }  // namespace connectivity::plugins
+
+#endif

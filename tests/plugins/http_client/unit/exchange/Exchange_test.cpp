@@ -229,9 +229,9 @@ TEST(FailedExchange, IsABadAnswerWhereTheBodyFails) {
             "Error processing response stream: I/O error"},
            {"HTTP/1.1 200 OK\r\nContent-Encoding: gzip\r\nContent-Length: 5\r\n\r\nplain",
             "Error processing response stream: Serious I/O error"}}) {
-    ScriptedServer server({[&](Connection& connection) {
+    ScriptedServer server({[&bytes = response](Connection& connection) {
                              connection.readRequest();
-                             connection.send(response);
+                             connection.send(bytes);
                            },
                            echo});
     ExchangeClient client{Config(server.port())};

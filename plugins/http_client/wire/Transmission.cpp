@@ -7,6 +7,13 @@
 
 namespace connectivity::plugins {
 
+namespace {
+
+// So much is sent before it is looked whether the server has answered.
+constexpr std::size_t turnBytes = 262144;
+
+}  // namespace
+
 void Transmission::begin(Layer& layer, std::string_view head,
                          std::span<const std::string_view> body) {
   _layer = &layer;
@@ -20,19 +27,23 @@ void Transmission::begin(Layer& layer, std::string_view head,
   sendSome();
 }
 
-// As much as goes out without waiting.
-void Transmission::sendSome() {
+// As much as goes out without waiting, a turn of it: then it is time to look for an answer. False
+// where it would have to wait.
+bool Transmission::sendSome() {
+  std::size_t turn = 0;
   try {
-    while (sending()) {
+    while (sending() && turn < turnBytes) {
       const std::size_t sent = _layer->send(std::span(_pieces).subspan(_next));
-      if (sent == 0) return;
+      if (sent == 0) return turn > 0;
       advance(sent);
+      turn += sent;
     }
   } catch (const Poco::Exception&) {
     _failure = std::current_exception();
     stop();
   }
-  sendingEnded();
+  if (!sending()) sendingEnded();
+  return true;
 }
 
 void Transmission::advance(std::size_t sent) {
@@ -47,9 +58,9 @@ void Transmission::sendingEnded() {
 // Sends first: a peer that never stops sending must not keep us from it.
 std::size_t Transmission::receive(char* data, std::size_t size) {
   while (sending()) {
-    sendSome();
+    const bool goesOn = sendSome();
     if (const auto count = _layer->receive(data, size, Wait::No)) return *count;
-    if (sending()) _layer->awaitEither();
+    if (!goesOn) _layer->awaitEither();
   }
   return _layer->receive(data, size, Wait::Yes).value_or(0);
 }

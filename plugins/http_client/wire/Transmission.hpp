@@ -23,8 +23,8 @@ namespace connectivity::plugins {
 
 class Transmission final : public ByteSource {
  public:
-  // Sends what `layer` takes at once of the head and the pieces behind it. The layer is borrowed
-  // until the next begin(), or its end.
+  // Sends what `layer` takes at once of the head and the pieces behind it, or the first part of
+  // that. The layer is borrowed until the next begin(), or its end.
   void begin(Layer& layer, std::string_view head, std::span<const std::string_view> body);
   // Bytes are left to be sent.
   bool sending() const noexcept { return _next < _pieces.size(); }
@@ -42,7 +42,7 @@ class Transmission final : public ByteSource {
   void whenSent(std::function<void()> then);
 
  private:
-  void sendSome();
+  bool sendSome();
   void sendingEnded();
   void advance(std::size_t sent);
 

@@ -1,6 +1,7 @@
 // An answer that comes before the request is out counts, whatever becomes of the connection then;
 // nothing is sent twice.
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -79,7 +80,7 @@ INSTANTIATE_PLAIN_AND_TLS(EarlyAnswer);
 TEST_P(EarlyAnswer, OnAConnectionThatStaysOpenEndsTheSending) {
   for (const int status : {413, 401, 300, 503}) {
     Event answered;
-    std::size_t taken = 0;
+    std::atomic<std::size_t> taken{0};
     const auto server = serving(early(response(status, "no"), [&](Connection& connection) {
       // Nothing of the body is read before the answer stands.
       connection.stallUntil(answered);
@@ -91,7 +92,7 @@ TEST_P(EarlyAnswer, OnAConnectionThatStaysOpenEndsTheSending) {
       expectTheAnswer(plugin, *server, status, "no");
     }
     server->waitForEndedConnections(1);
-    EXPECT_LT(taken, largeBytes) << "the sending went on";
+    EXPECT_LT(taken.load(), largeBytes) << "the sending went on";
   }
 }
 

@@ -72,9 +72,8 @@ RequestBody ContentEncoding::generateRequest() {
       header(_request.headers, "content-encoding").value_or(noContentEncoding);
   const SupportedMediaType coding = mediaTypeOf(codingName);
   if (coding == SupportedMediaType::unsupported) {
-    const UnsupportedRequestCoding refusal;
-    _log.transportLog(Level::Warn, "%s", refusal.what());
-    throw refusal;
+    _log.transportLog(Level::Warn, "%s", UnsupportedRequestCoding().what());
+    throw UnsupportedRequestCoding();
   }
   const std::string& method = _request.hop.method;
   if (std::find(methodsWithoutBody.begin(), methodsWithoutBody.end(), method) !=

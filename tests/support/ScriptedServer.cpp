@@ -245,12 +245,22 @@ void ScriptedServer::startConnection(Descriptor socket) {
   const int number = static_cast<int>(++_accepted);
   auto channel = _tls == nullptr ? std::make_unique<SocketChannel>(std::move(socket))
                                  : std::make_unique<TlsChannel>(std::move(socket), *_tls);
+  reapEnded();
   auto& live = _live.emplace_back(Live{std::move(channel), {}});
-  live.thread = std::thread([this, &used = *live.channel, number] { runConnection(used, number); });
+  live.thread = std::thread([this, &live, number] { runConnection(live, number); });
   _changed.notify_all();
 }
 
-void ScriptedServer::runConnection(SocketChannel& channel, int number) {
+// A thread that has ended keeps its stack until it is joined.
+void ScriptedServer::reapEnded() {
+  _live.remove_if([](Live& live) {
+    if (live.ended) live.thread.join();
+    return live.ended;
+  });
+}
+
+void ScriptedServer::runConnection(Live& live, int number) {
+  SocketChannel& channel = *live.channel;
   blockSigpipe();
   bool opened = false;
   try {
@@ -267,6 +277,7 @@ void ScriptedServer::runConnection(SocketChannel& channel, int number) {
   channel.close();
   const std::lock_guard lock(_mutex);
   ++_ended;
+  live.ended = true;
   if (!opened) ++_handshakeFailures;
   _changed.notify_all();
 }

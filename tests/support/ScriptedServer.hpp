@@ -114,11 +114,13 @@ class ScriptedServer {
   struct Live {
     std::unique_ptr<SocketChannel> channel;
     std::thread thread;
+    bool ended = false;  // guarded by _mutex
   };
 
   void acceptLoop();
+  void reapEnded();
   void startConnection(Descriptor socket);
-  void runConnection(SocketChannel& channel, int number);
+  void runConnection(Live& live, int number);
   Script scriptFor(int number) const;
   CannedResponse takeAnswer(const std::string& path);
   void record(const RecordedRequest& request);

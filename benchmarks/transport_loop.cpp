@@ -13,11 +13,9 @@
 #include <dlfcn.h>
 #include <exception>
 #include <iostream>
-#include <mutex>
 #include <stdexcept>
 #include <string>
 #include <sys/resource.h>
-#include <utility>
 #include <vector>
 
 #include "connectivity/qor_plugin.h"

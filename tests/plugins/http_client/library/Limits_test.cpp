@@ -4,7 +4,6 @@
 #include <sstream>
 #include <string>
 
-#include <Poco/DeflatingStream.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/Coders.hpp"

@@ -7,7 +7,6 @@
 #include <utility>
 #include <vector>
 
-#include <Poco/DeflatingStream.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/Coders.hpp"

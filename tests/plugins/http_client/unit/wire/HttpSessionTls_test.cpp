@@ -11,7 +11,7 @@
 
 #include "plugins/http_client/wire/HttpSession.hpp"
 #include "plugins/http_client/wire/TlsContexts.hpp"
-#include "tests/plugins/http_client/SessionClient.hpp"
+#include "tests/plugins/http_client/SecureSessionClient.hpp"
 #include "tests/support/Certificates.hpp"
 #include "tests/support/Event.hpp"
 #include "tests/support/ScriptedServer.hpp"
@@ -29,17 +29,7 @@ using testing::Throws;
 using Peer = test_support::Connection;
 using Script = ScriptedServer::Script;
 
-Route secureRouteTo(const ScriptedServer& server, TlsContexts& contexts,
-                    const std::string& host = "localhost") {
-  Route route = routeTo(server, host);
-  route.tls = contexts.contextFor(host);
-  return route;
-}
-
-struct Client : SessionClient {
-  Client(const ScriptedServer& server, TlsContexts& contexts, const std::string& host = "localhost")
-      : SessionClient(secureRouteTo(server, contexts, host)) {}
-};
+using Client = SecureSessionClient;
 
 class HttpSessionTls : public testing::Test {
  protected:

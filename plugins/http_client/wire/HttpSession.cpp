@@ -163,8 +163,9 @@ void HttpSession::endExchange(Leftover leftover) {
   if (!_body.complete() || _transmission.sending()) {
     const std::size_t bound = bytesOf(leftover);
     std::optional<TimeLimits::Shortened> bounded;
-    _transmission.whenSent(
-        [&] { bounded.emplace(_limits, leavesTooMuch(bound) ? drainTime.zero() : drainTime); });
+    _transmission.whenSent([&] {
+      bounded.emplace(_limits, leavesTooMuch(bound) ? std::chrono::seconds::zero() : drainTime);
+    });
     skipBody(bound);
     if (_body.complete() && !_transmission.flush()) _keeps = false;
     _transmission.stop();

@@ -23,7 +23,7 @@ constexpr const char* unknownException = "Unknown exception";
 // what gets logged.
 SessionHome openHome(const Workplace& workplace, const WorkerLog& log) {
   try {
-    return SessionHome(workplace.options, workplace.tlsContexts, workplace.resolver, log);
+    return {workplace.options, workplace.tlsContexts, workplace.resolver, log};
   } catch (const Poco::Exception& failure) {
     throw std::runtime_error(failure.displayText());
   }

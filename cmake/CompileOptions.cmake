@@ -14,6 +14,11 @@ if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
   add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wthread-safety>)
 endif()
 
+# Nothing here was built with a g++ older than 7, whose way of passing parameters was another on ARM.
+if(CMAKE_SYSTEM_PROCESSOR STREQUAL "arm" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  add_compile_options(-Wno-psabi)
+endif()
+
 if(ORRERY_SANITIZE)
   add_compile_options(-fsanitize=${ORRERY_SANITIZE} -fno-sanitize-recover=all -O1)
   add_link_options(-fsanitize=${ORRERY_SANITIZE})

@@ -213,7 +213,12 @@ QOR_API void qor_free_data(qor_data_t value);
  * else "<5 bytes>".
  */
 QOR_API char* qor_data_to_string(qor_data_t value);
-/* XXH3 (64 bits, no seed) of the text's bytes. */
+/*
+ * XXH3 (64 bits) of the text's bytes, with a secret that each process draws at random, so that
+ * nobody outside can choose texts that collide: no process can use what another one stored, and the
+ * order of a map's slots changes from run to run. The environment variable ORRERY_HASH_SEED (an
+ * integer; 0: no secret) fixes it.
+ */
 QOR_API uint64_t qor_hash_string(const char* text);
 
 /*

@@ -37,6 +37,8 @@ void reportAllocationFailure(const BlockShape& shape, std::uint64_t count) noexc
 
 // A line at error level under the runtime's own category.
 void reportError(const char* format, ...) noexcept QOR_PRINTF(1, 2);
+// A line under that category on standard error, whoever takes the other lines.
+void reportOnStandardError(int level, const char* text) noexcept;
 
 // --- Map slots: their three states ---------------------------------------------------------------
 

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <span>
 #include <utility>
-#include <xxhash.h>
 
 #include "connectivity/qor_plugin.h"
 #include "orrery/runtime/Blocks.hpp"
@@ -107,8 +106,6 @@ table_t* qor_reallocate_map(table_t* table, uint64_t capacity) {
   std::free(table);
   return moved;
 }
-
-uint64_t qor_hash_string(const char* text) { return XXH3_64bits(text, std::strlen(text)); }
 
 int qor_map_put(table_t** table, const char* key, qor_data_t value) {
   const std::uint64_t hash = qor_hash_string(key);

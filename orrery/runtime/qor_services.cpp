@@ -126,6 +126,14 @@ void reportError(const char* format, ...) noexcept {
   va_end(arguments);
 }
 
+void reportOnStandardError(int level, const char* text) noexcept {
+  try {
+    writeToStandardError(ownCategory, level, escaped(text));
+  } catch (const std::exception&) {
+    std::fputs("A log line was lost\n", stderr);
+  }
+}
+
 }  // namespace runtime
 
 using runtime::StatusItem;

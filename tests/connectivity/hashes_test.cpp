@@ -82,9 +82,6 @@ TEST(Hash, OfAStringIsTheHostsAndIgnoresTheSeed) {
   EXPECT_EQ(hashWith(data_t::borrow("text"), 98), qor_hash_string("text"));
 }
 
-// XXH3 of "", a fact of the host runtime on which stored tables rely.
-TEST(Hash, OfTheEmptyStringIsXxh3) { EXPECT_EQ(hash(data_t("")), 0x2D06800538D394C2U); }
-
 TEST(Hash, OfBuffersHasTheKnownAnswersForEveryTailLength) {
   EXPECT_EQ(hash(buffer("")), 0xE36925AE8296B197U);
   EXPECT_EQ(hash(buffer("a")), 0x60455235038D56CBU);

@@ -301,6 +301,10 @@ class calculate_hash {
 inline std::uint64_t hash(const data_t& value) { return value.apply_visitor(calculate_hash()); }
 // Independent of slot order: equal maps with different histories hash alike.
 std::uint64_t hash(const map_t& map);
+// The same, with the hashes of keys inside the value as their maps' slots have them, where hash()
+// works them out anew: a key that is the key in a key in a key costs no more than any. REQUIRES:
+// map_t's functions have filled the maps in it.
+std::uint64_t hashByStored(const data_t& value);
 
 }  // namespace hashes
 

@@ -53,19 +53,27 @@ std::uint64_t mixBytes(std::string_view bytes, std::uint64_t seed) noexcept {
 // Where the hashes of lists and maps that are keys are noted, by the key's address.
 using Notes = std::unordered_map<const data_t*, std::uint64_t>;
 
+// Where the hashes of keys come from.
+enum class Keys { HashedAnew, AsStored };
+
 // A list or map that is being hashed: a list chains the hashes of its elements, a map adds those of
 // its keys and values.
 class Level {
  public:
-  explicit Level(const details::Walk& walk, const data_t* key = nullptr)
-      : _walk(walk), _isMap(walk.isOverMap()), _key(key) {}
+  Level(const details::Walk& walk, Keys keys, const data_t* key)
+      : _walk(walk), _isMap(walk.isOverMap()), _keys(keys), _key(key) {}
 
   // Goes on up to a value that is a container, or to the end: then null.
   const data_t* nextContainer() {
     const data_t* value = _walk.next();
-    while (value != nullptr && !details::isContainer(*value)) {
-      take(value->apply_visitor(calculate_hash(_isMap ? hashSeed : _hash)));
-      value = _walk.next();
+    for (; value != nullptr; value = _walk.next()) {
+      if (_keys == Keys::AsStored && _walk.isAtKey()) {
+        take(_walk.storedHash());
+      } else if (details::isContainer(*value)) {
+        break;
+      } else {
+        take(value->apply_visitor(calculate_hash(_isMap ? hashSeed : _hash)));
+      }
     }
     return value;
   }
@@ -80,18 +88,19 @@ class Level {
  private:
   details::Walk _walk;
   bool _isMap;
+  Keys _keys;
   const data_t* _key;  // the container itself where it is a key
   std::uint64_t _hash = hashSeed;
 };
 
 // Hashes by a stack of its own.
-std::uint64_t hashDeep(const details::Walk& walk, Notes* notes) {
+std::uint64_t hashDeep(const details::Walk& walk, Notes* notes, Keys keys = Keys::HashedAnew) {
   std::vector<Level> levels;
-  levels.emplace_back(walk);
+  levels.emplace_back(walk, keys, nullptr);
   for (;;) {
     if (const data_t* const inner = levels.back().nextContainer()) {
       const bool isKey = levels.back().isAtKey();
-      levels.emplace_back(details::Walk(*inner), isKey ? inner : nullptr);
+      levels.emplace_back(details::Walk(*inner), keys, isKey ? inner : nullptr);
       continue;
     }
     const Level ended = levels.back();
@@ -180,6 +189,11 @@ std::uint64_t calculate_hash::operator()(const custom_t&) const {
 }
 
 std::uint64_t hash(const map_t& map) { return ShallowHash::of(map, details::recursionLimit); }
+
+std::uint64_t hashByStored(const data_t& value) {
+  if (!details::isContainer(value)) return hash(value);
+  return hashDeep(details::Walk(value), nullptr, Keys::AsStored);
+}
 
 std::uint64_t KeyHashes::of(const data_t& key) {
   if (!details::isContainer(key)) return hash(key);

@@ -58,6 +58,8 @@ class MapWalk {
   }
   // Whether next() gave a key at last.
   bool isAtKey() const noexcept { return _isAtKey; }
+  // That key's hash, as its slot has it.
+  std::uint64_t storedHash() const { return (*_at).hash; }
 
  private:
   map_t::const_iterator _at;
@@ -81,6 +83,8 @@ class Walk {
     const auto* const map = std::get_if<MapWalk>(&_walk);
     return map != nullptr && map->isAtKey();
   }
+  // REQUIRES: isAtKey().
+  std::uint64_t storedHash() const { return std::get_if<MapWalk>(&_walk)->storedHash(); }
   // The next value, or null at the end; with the errors of ListWalk and MapWalk.
   const data_t* next() {
     if (auto* const list = std::get_if<ListWalk>(&_walk)) return list->next();

@@ -27,6 +27,8 @@ using connectivity::map_t;
 namespace {
 
 constexpr std::size_t maxDepth = 1000;
+// Their hashes are no secret: more could be chosen so that each is compared with all others.
+constexpr std::size_t maxOtherKeys = 10000;
 
 map_t mapForEntries(std::uint64_t count) {
   if (count == 0) return {};
@@ -95,11 +97,17 @@ data_t readMap(data_t& value) {
   if (value.tag() != QOR_LIST) throw JsonError(shape);
   auto& pairs = connectivity::get<list_t>(value);
   map_t map = mapForEntries(pairs.size());
+  std::size_t otherKeys = 0;
   for (data_t& element : elementsOf(pairs)) {
     if (element.tag() != QOR_LIST) throw JsonError(shape);
     auto& pair = connectivity::get<list_t>(element);
     if (pair.size() != 2) throw JsonError(shape);
-    if (!map.insert(std::move(pair[0]), std::move(pair[1])).second) {
+    if (!pair[0].isString() && ++otherKeys > maxOtherKeys) {
+      throw JsonError("a $map holds more than " + std::to_string(maxOtherKeys) +
+                      " keys that are no texts");
+    }
+    const auto hash = static_cast<long long>(connectivity::hashes::hashByStored(pair[0]));
+    if (!map.insert({std::move(pair[0]), std::move(pair[1])}, hash).second) {
       throw JsonError("a key is repeated in $map");
     }
   }

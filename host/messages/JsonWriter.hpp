@@ -6,14 +6,20 @@
 // and others by their JSON text. A double always has a fraction or an exponent, and is the shortest
 // that reads back as the same; NaN and the infinities are $numberDouble. Bytes of a text that are
 // not UTF-8 become U+FFFD. A custom value is the string of its text.
+//
+// Depth costs no stack, and time goes with the length of the text, however keys stand in keys: each
+// is written once.
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "connectivity/data_t.hpp"
+#include "host/messages/KeyTexts.hpp"
 
 namespace host {
 
@@ -32,20 +38,44 @@ class JsonWriter {
   struct Entry {
     const connectivity::data_t* key;
     const connectivity::data_t* value;
+    std::uint64_t bytes = 0;   // by which an object's entries are ordered first
+    KeyTexts::Text keyText{};  // of a pair's key
   };
 
-  void writeDouble(double value);
-  void writeInteger(long long value);
-  void writeDecimal(connectivity::decimal_t value);
-  void writeBinary(std::string_view bytes);
-  void writeList(const connectivity::list_t& list);
-  void writeObject(std::size_t firstEntry);
-  void writePairs(std::size_t firstEntry);
-  void writeEscaped(unsigned char character);
-  void writeNonAscii(std::string_view& rest);
+  // A list or a map that is being written. A map that is no object is gone through twice: its keys
+  // are written aside, to be ordered, and then the pairs.
+  struct Level {
+    enum class Kind { List, Object, Keys, Pairs };
+    Kind kind;
+    const connectivity::data_t* element = nullptr;  // the list's next, and its end
+    const connectivity::data_t* end = nullptr;
+    std::size_t first = 0;   // the map's entries stand from here to the end of _entries
+    std::size_t next = 0;    // the next of them; of a list, how many have been begun
+    KeyTexts::Text outer{};  // the text of the key that the map stands in, so far
+    KeyTexts::Mark mark{};
+  };
+
+  void reset();
+  void run();
+  void begin(const connectivity::data_t& value);
+  void begin(const connectivity::map_t& map);
+  static void orderTexts(std::span<Entry> entries);
+  void continueList(Level& level);
+  void continueObject(Level& level);
+  void beginKeys(Level& level);
+  void continueKeys(Level& level);
+  void continuePairs(Level& level);
+  void writeKey(const Entry& entry);
+  void endMap(const Level& level, std::string_view closing);
+  // Where to write now: within keys, aside.
+  std::string& text() noexcept { return _keysAround == 0 ? _out : _keys.end(); }
 
   std::string& _out;
-  std::vector<Entry> _entries;  // of the maps that are being written, the innermost last
+  std::vector<Level> _levels;    // the innermost last
+  std::vector<Entry> _entries;   // of the maps among them
+  std::size_t _keysAround = 0;   // levels whose keys are being written
+  KeyTexts _keys;                // the texts of keys
+  KeyTexts::Text _currentKey{};  // the innermost key that is being written, so far
 };
 
 // The value as JSON text.

@@ -235,6 +235,25 @@ TEST(JsonReader, RefusesAFormWithAnotherKeyBesideIt) {
   EXPECT_TRUE(isRefused(R"({"$map": [], "x": 1})"));
 }
 
+std::string pairs(int texts, int numbers) {
+  std::string text;
+  const auto add = [&text](const std::string& key) {
+    text += (text.empty() ? "[" : ",[") + key + ",0]";
+  };
+  for (int i = 0; i < numbers; ++i) add(std::to_string(i));
+  for (int i = 0; i < texts; ++i) add("\"" + std::to_string(i) + "\"");
+  return R"({"$map": [)" + text + "]}";
+}
+
+// Their hashes are no secret. Texts have one.
+TEST(JsonReader, TakesTenThousandKeysThatAreNoTextsInAMap) {
+  const data_t value = read(pairs(20'000, 10'000));
+  EXPECT_EQ(get<map_t>(value).size(), 30'000U);
+  const auto error = "a $map holds more than 10000 keys that are no texts";
+  EXPECT_EQ(errorOf(pairs(0, 10'001)), error);
+  EXPECT_EQ(errorOf("[" + pairs(0, 10'000) + "," + pairs(0, 10'000) + "]"), "");
+}
+
 TEST(JsonReader, KeepsOtherKeysThatBeginWithADollar) {
   const data_t value = read(R"({"$set": 1, "$numberLong": "5", "$": 2})");
   EXPECT_EQ(get<map_t>(value).size(), 3U);

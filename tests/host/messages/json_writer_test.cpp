@@ -2,6 +2,7 @@
 #include <limits>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -51,6 +52,19 @@ TEST(JsonWriter, WritesEveryKindAsItWasRead) {
 TEST(JsonWriter, WritesObjectKeysInAscendingOrderOfTheirBytes) {
   EXPECT_EQ(rewritten(R"({"b":1,"a":2,"B":3,"":4,"ä":5,"aa":6})"),
             R"({"":4,"B":3,"a":2,"aa":6,"b":1,"ä":5})");
+}
+
+TEST(JsonWriter, OrdersLongKeysThatBeginAlike) {
+  const std::string same(20, 'x');
+  const auto object = [&](const std::vector<std::string>& ends) {
+    std::string text = "{";
+    for (const std::string& end : ends) {
+      text += (text.size() == 1 ? "\"" : ",\"") + same + end + "\":0";
+    }
+    return text + "}";
+  };
+  EXPECT_EQ(rewritten(object({"12345678b", "é", "2", "12345678", "", "1", "12345678a", "Z"})),
+            object({"", "1", "12345678", "12345678a", "12345678b", "2", "Z", "é"}));
 }
 
 TEST(JsonWriter, WritesADoubleSoThatItReadsBackAsADouble) {

@@ -12,13 +12,13 @@
 #include <span>
 #include <sstream>
 #include <string_view>
-#include <unistd.h>
 #include <utility>
 
 #include <yaml-cpp/yaml.h>
 
 #include "connectivity/value_access.hpp"
 #include "host/chain/ChainFileError.hpp"
+#include "host/chain/YamlAliases.hpp"
 #include "host/chain/YamlValues.hpp"
 #include "host/program/NearestWord.hpp"
 
@@ -30,7 +30,7 @@ namespace {
 class Section {
  public:
   Section(const YAML::Node& node, YamlPlace place) : _node(node), _place(std::move(place)) {
-    if (!_node.IsMap()) fail(_node, _place.key, "must be a map");
+    if (!_node.IsMap()) failKind(_node, _place.key, "must be a map");
     refuseRepeatedKeys(_node, _place);
   }
 
@@ -55,8 +55,8 @@ class Section {
     const YAML::Node value = find(key);
     if (!value) return std::nullopt;
     if (!isYamlText(value)) {
-      fail(value, path(key),
-           value.IsScalar() ? "must be a text: put it in quotes" : "must be a text");
+      failKind(value, path(key),
+               value.IsScalar() ? "must be a text: put it in quotes" : "must be a text");
     }
     if (value.Scalar().empty()) fail(value, path(key), "must not be empty");
     if (value.Scalar().find('\0') != std::string::npos) {
@@ -74,9 +74,9 @@ class Section {
   bool boolean(const std::string& key, bool absent) const {
     const YAML::Node node = find(key);
     if (!node) return absent;
-    const auto value = yamlValue(node, placeOf(key));
-    if (value.tag() != QOR_BOOL) fail(node, path(key), "must be true or false");
-    return connectivity::get<bool>(value);
+    const auto value = yamlCoreValue(node);
+    if (!value || value->tag() != QOR_BOOL) failKind(node, path(key), "must be true or false");
+    return connectivity::get<bool>(*value);
   }
 
   int level(const std::string& key, int absent) const {
@@ -93,14 +93,24 @@ class Section {
   int port(const std::string& key) const {
     const YAML::Node node = find(key);
     if (!node) fail(_node, path(key), "must be given");
-    const auto value = yamlValue(node, placeOf(key));
-    constexpr auto range = "must be an integer between 0 and 65535";
-    if (value.tag() != QOR_INT64) fail(node, path(key), range);
-    const long long port = connectivity::get<long long>(value);
+    const auto value = yamlCoreValue(node);
+    const std::string range = "must be an integer between 0 and 65535";
+    if (!value || value->tag() != QOR_INT64) failKind(node, path(key), range);
+    const long long port = connectivity::get<long long>(*value);
     if (port < 0 || port > 65535) fail(node, path(key), range);
     return static_cast<int>(port);
   }
 
+  // For a value of another kind. Where there is none, the key is the place to look at.
+  [[noreturn]] void failKind(const YAML::Node& at, const std::string& key,
+                             const std::string& text) const {
+    if (!at.IsNull()) fail(at, key, text);
+    const std::string actually = text + " but it's actually null";
+    for (const auto& entry : _node) {
+      if (entry.second.is(at)) fail(entry.first, key, actually);
+    }
+    fail(at, key, actually);
+  }
   [[noreturn]] void fail(const YAML::Node& at, const std::string& key,
                          const std::string& text) const {
     throw ChainFileError(_place.file, yamlPosition(at), key, text);
@@ -172,7 +182,8 @@ std::vector<ChainDefinition> readChains(const Section& file) {
   const YAML::Node list = file.find("chains");
   if (!list) file.fail(file.node(), "chains", "must be given");
   if (!list.IsSequence()) {
-    file.fail(list, "chains", "must be a list: \"- \" stands before the first key of each chain");
+    file.failKind(list, "chains",
+                  "must be a list: \"- \" stands before the first key of each chain");
   }
   if (list.size() == 0) file.fail(list, "chains", "must hold a chain");
   std::vector<ChainDefinition> chains;
@@ -187,7 +198,7 @@ LogDefinition readLog(const Section& file) {
   LogDefinition definition;
   const YAML::Node node = file.find("log");
   if (!node) return definition;
-  if (!node.IsMap()) file.fail(node, "log", "must be a map, such as {level: info}");
+  if (!node.IsMap()) file.failKind(node, "log", "must be a map, such as {level: info}");
   const Section log(node, file.placeOf("log"));
   log.allow({"level", "levels"});
   definition.level = log.level("level", definition.level);
@@ -203,7 +214,7 @@ LogDefinition readLog(const Section& file) {
 std::optional<StatusDefinition> readStatus(const Section& file) {
   const YAML::Node node = file.find("status");
   if (!node) return std::nullopt;
-  if (!node.IsMap()) file.fail(node, "status", "must be a map, such as {port: 9090}");
+  if (!node.IsMap()) file.failKind(node, "status", "must be a map, such as {port: 9090}");
   const Section status(node, file.placeOf("status"));
   status.allow({"port", "address"});
   StatusDefinition definition;
@@ -245,6 +256,11 @@ std::string yamlHint(std::string_view text, const YAML::Exception& error) {
 YAML::Node loadYaml(const std::string& text, const std::string& path) {
   try {
     std::vector<YAML::Node> documents = YAML::LoadAll(text);
+    const YAML::Mark excess = excessiveAlias(text);
+    if (!excess.is_null()) {
+      throw ChainFileError(path, yamlPosition(excess), "",
+                           "the aliases stand for more than 100000 values");
+    }
     if (documents.empty()) throw ChainFileError(path, {1, 1}, "chains", "must be given");
     if (documents.size() > 1) {
       throw ChainFileError(path, yamlPosition(documents[1]), "", "a second document");
@@ -255,105 +271,6 @@ YAML::Node loadYaml(const std::string& text, const std::string& path) {
                          "not valid YAML: " + error.msg + yamlHint(text, error));
   }
 }
-
-// --- What the files have to be -------------------------------------------------------------------
-
-bool isStandard(const PlacedText& stream) { return stream.text == "-"; }
-
-bool isSameFile(const std::string& left, const std::string& right) {
-  std::error_code error;
-  if (std::filesystem::equivalent(left, right, error)) return true;
-  return std::filesystem::weakly_canonical(left, error) ==
-         std::filesystem::weakly_canonical(right, error);
-}
-
-// Whether writing to the file replaces what it holds: devices and pipes may be shared.
-bool isReplacedByWriting(const std::string& path) {
-  std::error_code error;
-  const auto type = std::filesystem::status(path, error).type();
-  return type == std::filesystem::file_type::regular ||
-         type == std::filesystem::file_type::not_found;
-}
-
-class FileCheck {
- public:
-  explicit FileCheck(const ChainFile& file) : _file(file) {}
-
-  void run() const {
-    for (std::size_t i = 0; i < _file.chains.size(); ++i) {
-      const ChainDefinition& chain = _file.chains[i];
-      if (chain.library) requireReadable(*chain.library);
-      if (!isStandard(chain.input)) requireReadable(chain.input);
-      requireDirectoryOf(chain.output);
-      for (std::size_t j = 0; j < _file.chains.size(); ++j) {
-        if (j < i) compare(_file.chains[j], chain);
-        requireUnreadOutput(chain.output, _file.chains[j].input);
-      }
-    }
-  }
-
- private:
-  [[noreturn]] void fail(const PlacedText& at, const std::string& text) const {
-    if (at.at.line == 0) throw std::runtime_error(at.key + ": " + text);
-    throw ChainFileError(_file.path, at.at, at.key, text);
-  }
-
-  void requireReadable(const PlacedText& path) const {
-    if (::access(path.text.c_str(), R_OK) != 0) {
-      fail(path, "cannot read " + path.text + ": " + std::strerror(errno));
-    }
-    if (std::filesystem::is_directory(path.text)) fail(path, path.text + " is a directory");
-  }
-
-  void requireDirectoryOf(const PlacedText& output) const {
-    if (isStandard(output)) return;
-    if (std::filesystem::is_directory(output.text)) fail(output, output.text + " is a directory");
-    const auto directory = std::filesystem::absolute(output.text).parent_path();
-    if (!std::filesystem::is_directory(directory)) {
-      fail(output, "there is no directory " + directory.string());
-    }
-    const bool isThere = std::filesystem::exists(output.text);
-    if (::access(isThere ? output.text.c_str() : directory.c_str(), W_OK) != 0) {
-      fail(output, "cannot write " + output.text + ": " + std::strerror(errno));
-    }
-  }
-
-  void compare(const ChainDefinition& earlier, const ChainDefinition& later) const {
-    if (earlier.id == later.id && earlier.name == later.name) {
-      throw ChainFileError(_file.path, later.transport.at, parentOf(later.transport.key),
-                           "another chain has the same id and name");
-    }
-    if (isStandard(earlier.input) && isStandard(later.input)) {
-      fail(blame(later.input, later, "input"), "two chains cannot share standard input");
-    }
-    if (isStandard(earlier.output) && isStandard(later.output)) {
-      fail(blame(later.output, later, "output"), "two chains cannot share standard output");
-    }
-    if (!isStandard(earlier.output) && !isStandard(later.output) &&
-        isReplacedByWriting(later.output.text) &&
-        isSameFile(earlier.output.text, later.output.text)) {
-      fail(later.output, "two chains cannot share the output " + later.output.text);
-    }
-  }
-
-  void requireUnreadOutput(const PlacedText& output, const PlacedText& input) const {
-    if (isStandard(output) || isStandard(input)) return;
-    if (isReplacedByWriting(output.text) && isSameFile(output.text, input.text)) {
-      fail(output, output.text + " is also an input");
-    }
-  }
-
-  static std::string parentOf(const std::string& key) { return key.substr(0, key.rfind('.')); }
-
-  // Where a stream was not given, the chain itself is named.
-  static PlacedText blame(const PlacedText& stream, const ChainDefinition& chain,
-                          const std::string& name) {
-    if (!stream.key.empty()) return stream;
-    return {stream.text, chain.transport.at, parentOf(chain.transport.key) + "." + name};
-  }
-
-  const ChainFile& _file;
-};
 
 }  // namespace
 
@@ -395,7 +312,5 @@ ChainFile readChainFile(const std::string& path) {
   text << stream.rdbuf();
   return parseChainFile(text.str(), path);
 }
-
-void checkFiles(const ChainFile& file) { FileCheck(file).run(); }
 
 }  // namespace host

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/messages/JsonWriter.hpp"
+
 namespace host {
 
 using connectivity::data_t;
@@ -103,33 +105,56 @@ std::optional<data_t> nullIn(std::string_view text) {
 }
 
 // What the core schema makes of a plain scalar, where it is not a text.
-std::optional<data_t> plainValue(const std::string& text) {
+std::optional<data_t> coreValue(const std::string& text) {
   if (auto value = nullIn(text)) return value;
   if (auto value = boolIn(text)) return value;
   if (auto value = integerIn(text)) return value;
   return floatIn(text);
 }
 
-// The value of a scalar, where it is not a text.
-std::optional<data_t> scalarValue(const YAML::Node& node) {
+// Whether the value would be written as the text says it.
+bool comesBackAs(const std::string& text, const data_t& value) {
+  if (value.empty()) return text.empty() || text == "~" || text == "null";
+  return toJson(value) == text;
+}
+
+// The same, where nothing of the text is lost.
+std::optional<data_t> plainValue(const std::string& text) {
+  auto value = coreValue(text);
+  return value && comesBackAs(text, *value) ? std::move(value) : std::nullopt;
+}
+
+bool isPlain(const YAML::Node& node) { return node.Tag().empty() || node.Tag() == "?"; }
+
+std::optional<data_t> taggedValue(const YAML::Node& node) {
   constexpr std::string_view standard = "tag:yaml.org,2002:";
   std::string_view tag = node.Tag();
   const std::string& text = node.Scalar();
-  if (tag.empty() || tag == "?") return plainValue(text);
   if (!tag.starts_with(standard)) return std::nullopt;
   tag.remove_prefix(standard.size());
   if (tag == "int") return integerIn(text);
-  if (tag == "float") return data_t(std::strtod(text.c_str(), nullptr));
+  if (tag == "float") {
+    const auto integer = isDecimalInteger(text);
+    return integer ? data_t(std::strtod(text.c_str(), nullptr)) : floatIn(text);
+  }
   if (tag == "bool") return boolIn(text);
   if (tag == "null") return nullIn(text);
   return std::nullopt;
 }
 
+// The value of a scalar, where it is not a text.
+std::optional<data_t> scalarValue(const YAML::Node& node) {
+  return isPlain(node) ? plainValue(node.Scalar()) : taggedValue(node);
+}
+
+void refuseNul(const std::string& text, const YAML::Node& node, const YamlPlace& place) {
+  if (text.find('\0') == std::string::npos) return;
+  throw ChainFileError(place.file, yamlPosition(node), place.key, "a text holds U+0000");
+}
+
 data_t scalar(const YAML::Node& node, const YamlPlace& place) {
   if (auto value = scalarValue(node)) return std::move(*value);
-  if (node.Scalar().find('\0') != std::string::npos) {
-    throw ChainFileError(place.file, yamlPosition(node), place.key, "a text holds U+0000");
-  }
+  refuseNul(node.Scalar(), node, place);
   return data_t(node.Scalar());
 }
 
@@ -160,6 +185,11 @@ FilePosition yamlPosition(const YAML::Mark& mark) {
   return {mark.line + 1, mark.column + 1};
 }
 
+std::optional<data_t> yamlCoreValue(const YAML::Node& node) {
+  if (!node.IsScalar()) return std::nullopt;
+  return isPlain(node) ? coreValue(node.Scalar()) : taggedValue(node);
+}
+
 bool isYamlText(const YAML::Node& node) { return node.IsScalar() && !scalarValue(node); }
 
 void refuseRepeatedKeys(const YAML::Node& map, const YamlPlace& place) {
@@ -170,6 +200,7 @@ void refuseRepeatedKeys(const YAML::Node& map, const YamlPlace& place) {
                            "a key must be a text");
     }
     const std::string& key = entry.first.Scalar();
+    refuseNul(key, entry.first, place);
     if (!seen.insert(key).second) {
       const std::string path = place.key.empty() ? key : place.key + "." + key;
       throw ChainFileError(place.file, yamlPosition(entry.first), path, "the key stands twice");

@@ -1,12 +1,14 @@
 // YAML as values of the data model: the configuration that a transport receives.
 //
-// Plain scalars are read by YAML 1.2's core schema: null, true and false, integers (decimal, 0o,
-// 0x) as 64-bit integers, and numbers with a fraction or an exponent, .inf and .nan, and integers
-// beyond 64 bits as doubles. A decimal integer with a leading zero stays a text, so that nothing of
-// a password or a code is lost. Everything else, and whatever is quoted, is text. The tags !!str,
-// !!int, !!float, !!bool and !!null hold. Keys are texts as they are written.
+// A plain scalar is what YAML 1.2's core schema takes it for where its text would come back from
+// the value: null (~, null, nothing), true and false, decimal integers of 64 bits, and numbers with
+// a fraction as JSON has them. Everything else is text as it is written, so that nothing of a
+// password, a version or a code is lost: 1.50, 0x1F, 1e5, +49, 007, integers beyond 64 bits, True,
+// yes, .inf, dates; and so is whatever is quoted. The tags !!str, !!int, !!float, !!bool and !!null
+// hold, with all that the core schema reads. Keys are texts as they are written.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include <yaml-cpp/yaml.h>
@@ -26,14 +28,19 @@ struct YamlPlace {
 FilePosition yamlPosition(const YAML::Mark& mark);
 inline FilePosition yamlPosition(const YAML::Node& node) { return yamlPosition(node.Mark()); }
 
-// ChainFileError: a repeated key, a key that is no scalar, text with U+0000, more than 200 levels
-// (an alias may lead back to a list or a map that holds it).
+// ChainFileError: a repeated key, a key that is no scalar, a text or a key with U+0000, more than
+// 200 levels (an alias may lead back to a list or a map that holds it).
 connectivity::data_t yamlValue(const YAML::Node& node, const YamlPlace& place);
 
-// Throws ChainFileError where a key of the map stands twice or is no scalar. REQUIRES: a map.
+// Throws ChainFileError where a key of the map stands twice, is no scalar or holds U+0000.
+// REQUIRES: a map.
 void refuseRepeatedKeys(const YAML::Node& map, const YamlPlace& place);
 
-// Whether the node is a scalar that the core schema takes for a text.
+// What the core schema takes the scalar for, True and 2.50 too: for a key that asks for a boolean
+// or a number. Nothing where it is a text, or no scalar.
+std::optional<connectivity::data_t> yamlCoreValue(const YAML::Node& node);
+
+// Whether the node is a scalar that yamlValue() takes for a text.
 bool isYamlText(const YAML::Node& node);
 
 }  // namespace host

@@ -53,6 +53,7 @@ const std::map<std::string, Constant>& constants() {
       {"a worker's buffer", {transport + "exchange/Exchange.cpp", "keptBufferBytes"}},
       {"servers that redirects led to", {transport + "wire/TlsContexts.cpp", "maxContexts"}},
       {"lists and maps in each other, in a line", {"host/messages/JsonReader.cpp", "maxDepth"}},
+      {"values that the aliases", {"host/chain/YamlAliases.hpp", "maxAliasedNodes"}},
       {"keys that are no texts", {"host/messages/JsonReader.cpp", "maxOtherKeys"}},
       {"the same in a chain file", {"host/chain/YamlValues.cpp", "maxDepth"}},
   };

@@ -65,6 +65,7 @@ TEST(JsonWriter, OrdersLongKeysThatBeginAlike) {
   };
   EXPECT_EQ(rewritten(object({"12345678b", "é", "2", "12345678", "", "1", "12345678a", "Z"})),
             object({"", "1", "12345678", "12345678a", "12345678b", "2", "Z", "é"}));
+  EXPECT_EQ(rewritten(object({"b1", "a29"})), object({"a29", "b1"}));
 }
 
 TEST(JsonWriter, WritesADoubleSoThatItReadsBackAsADouble) {

@@ -21,7 +21,7 @@ HTTPClient::HTTPClient(
       cookies(options.cookieJar, getLogger()),
       tlsContexts({options.tls.certificateAuthorityFile, options.tls.acceptUnrecognizedCertificates,
                    options.tls.clientCertificateFile, options.tls.clientKeyFile,
-                   options.tls.clientKeyPassword}),
+                   options.tls.clientKeyPassword, options.tls.certificateAuthorityOption}),
       workplace{*this,   options, constants,   getLogger(), dispatcher,
                 metrics, cookies, tlsContexts, resolver} {
   const orrery::AutoMutex lock(sessionsMutex);

@@ -30,8 +30,9 @@ void readServer(OptionReader& reader, ConfiguredOptions& options) {
   options.port = reader.integer("port", options.port, anyPort);
   options.timeoutSecs = reader.integer("timeoutSecs", options.timeoutSecs);
   tls.enabled = reader.boolean("tls", tls.enabled);
-  tls.certificateAuthorityFile =
-      reader.text({"tlsCertificateAuthorityFile", "certificateAuthorityPath"});
+  const OptionReader::Name authorities{"tlsCertificateAuthorityFile", "certificateAuthorityPath"};
+  tls.certificateAuthorityOption = reader.spelling(authorities);
+  tls.certificateAuthorityFile = reader.text(authorities);
   tls.acceptUnrecognizedCertificates =
       reader.boolean({"tlsAcceptUnrecognizedCertificates", "acceptUnrecognizedCertificates"},
                      tls.acceptUnrecognizedCertificates);

@@ -49,6 +49,7 @@ struct ConfiguredOptions {
   struct Tls {
     bool enabled = false;                         // HTTPS
     std::string certificateAuthorityFile;         // PEM; empty: the system's authorities alone
+    std::string certificateAuthorityOption;       // under which of its names it was given
     bool acceptUnrecognizedCertificates = false;  // no verification: for tests only
     // For the configured server alone. Both files or neither.
     std::string clientCertificateFile;  // PEM, with its chain

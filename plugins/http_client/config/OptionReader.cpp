@@ -25,14 +25,20 @@ std::string joined(const std::string& path, std::string_view key) {
 
 std::string quoted(const std::string& value) { return "\"" + value + "\""; }
 
-std::optional<std::int64_t> wholeInteger(const data_t& value) {
-  if (value.tag() == QOR_INT64) return get<long long>(value);
-  if (!value.isString()) return std::nullopt;
+struct Integer {
+  std::optional<std::int64_t> value;
+  bool isTooLarge = false;  // it is one, but not of 64 bits
+};
+
+Integer wholeInteger(const data_t& value) {
+  if (value.tag() == QOR_INT64) return {get<long long>(value)};
+  if (!value.isString()) return {};
   const std::string_view text = value.text();
   std::int64_t number = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
-  return number;
+  if (end != text.data() + text.size() || error == std::errc::invalid_argument) return {};
+  if (error == std::errc::result_out_of_range) return {std::nullopt, true};
+  return {number};
 }
 
 // "a", "a or b", "a, b or c".
@@ -64,7 +70,8 @@ std::int64_t OptionReader::integer(const Name& name, std::int64_t absent, const 
   std::string path;
   const auto value = take(name, path);
   if (!value) return absent;
-  const auto number = wholeInteger(*value);
+  const auto [number, isTooLarge] = wholeInteger(*value);
+  if (isTooLarge) fail(path, quoted(value->text()) + " is outside the range of 64 bits");
   if (!number) failKind(path, "an integer", *value);
   if (*number < range.least || *number > range.most) {
     const bool open = range.most == std::numeric_limits<std::int64_t>::max();
@@ -102,6 +109,10 @@ std::string OptionReader::oneOf(const Name& name, std::span<const char* const> v
     fail(path, quoted(std::string(text)) + " is not in the enumeration " + enumerated(values));
   }
   return std::string(text);
+}
+
+std::string_view OptionReader::spelling(const Name& name) {
+  return name.older && !findKey(_left, *name.older).atEnd() ? *name.older : name.spelling;
 }
 
 void OptionReader::finish() const {
@@ -179,7 +190,9 @@ void OptionReader::fail(std::string_view path, const std::string& text) const {
 
 void OptionReader::failKind(std::string_view path, const char* expected,
                             const data_t& value) const {
-  fail(path, std::string("must be ") + expected + " but it's actually " + kindOf(value));
+  // As a chain file or JSON has it: a key without a value.
+  const char* const actual = value.empty() ? "null" : kindOf(value);
+  fail(path, std::string("must be ") + expected + " but it's actually " + actual);
 }
 
 }  // namespace connectivity::plugins

@@ -4,7 +4,9 @@
 // at the end is unknown. Used by one thread. All errors are std::runtime_error and start, unless
 // another text is given, with the subject that the constructor is given, a space, the option's path
 // joined with "/" and a space; then one of:
-//   must be a string|an integer|a boolean but it's actually <kind>
+//   must be a string|an integer|a boolean but it's actually <kind>    (null where there is no
+//   value)
+//   "<value>" is outside the range of 64 bits
 //   "<value>" is not in the range between <least> and <most>
 //   "<value>" is not in the range at least <least>
 //   "<value>" is not in the enumeration <value>, <value> or <value>
@@ -56,6 +58,10 @@ class OptionReader {
   bool boolean(const Name& name, bool absent);
   // One of `values`, spelt exactly so.
   std::string oneOf(const Name& name, std::span<const char* const> values, std::string absent);
+
+  // The older spelling where the option is given under that, else the newer one; both for errors
+  // that are found later. REQUIRES: the option has not been read, and is not nested.
+  std::string_view spelling(const Name& name);
 
   // Throws where an entry has not been read: "Unknown configuration element <key>", with
   // " in <path>" where it is nested; all of them in ascending order, separated by "; ".

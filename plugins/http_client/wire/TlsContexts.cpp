@@ -35,7 +35,6 @@ constexpr const char* cipherList = "HIGH+TLSv1.2:!COMPLEMENTOFDEFAULT:!PSK:!aNUL
 // Redirects can name any number of hosts; beyond this many the contexts are made anew.
 constexpr std::size_t maxContexts = 64;
 
-constexpr const char* caFileOption = "tlsCertificateAuthorityFile";
 constexpr const char* certificateOption = "tlsClientCertificateFile";
 constexpr const char* keyOption = "tlsClientKeyFile";
 constexpr const char* passphraseOption = "tlsClientKeyPassword";
@@ -103,14 +102,15 @@ Context::Ptr newContext(Context::VerificationMode mode, bool loadDefaultCAs) {
 }
 
 // A file of authorities, or a folder of them as OpenSSL has it.
-void trust(SSL_CTX* context, const std::string& caFile) {
-  requireFile(caFileOption, caFile);
+void trust(SSL_CTX* context, const TlsSettings& settings) {
+  const std::string& caFile = settings.caFile;
+  requireFile(settings.caFileOption, caFile);
   std::error_code ignored;
   const bool isFolder = std::filesystem::is_directory(caFile, ignored);
   ERR_clear_error();
   if (SSL_CTX_load_verify_locations(context, isFolder ? nullptr : caFile.c_str(),
                                     isFolder ? caFile.c_str() : nullptr) != 1) {
-    fail(caFileOption, "cannot use " + caFile, takeReason());
+    fail(settings.caFileOption, "cannot use " + caFile, takeReason());
   }
 }
 
@@ -166,7 +166,7 @@ void showCertificate(SSL_CTX* context, const TlsSettings& settings) {
 Context::Ptr newBase(const TlsSettings& settings) {
   const auto mode = settings.acceptUnrecognized ? Context::VERIFY_NONE : Context::VERIFY_STRICT;
   Context::Ptr context = newContext(mode, true);
-  if (!settings.caFile.empty()) trust(context->sslContext(), settings.caFile);
+  if (!settings.caFile.empty()) trust(context->sslContext(), settings);
   return context;
 }
 

@@ -24,6 +24,7 @@ struct TlsSettings {
   std::string clientCertificateFile{};  // PEM, with its chain; empty: none is shown
   std::string clientKeyFile{};          // PEM
   std::string clientKeyPassword{};      // empty: the key is not encrypted
+  std::string caFileOption = "tlsCertificateAuthorityFile";  // what errors call the first one
 };
 
 // Errors are std::runtime_error, "HTTPClient configuration " and one of these; the reason is the
@@ -31,7 +32,7 @@ struct TlsSettings {
 //   "<option>: cannot use <file>: <reason>"
 //   "tlsClientKeyPassword: cannot decrypt <key file>: <reason>" (also where none is given)
 //   "tlsClientKeyFile: <key file> does not fit <certificate file>: <reason>"
-// where the option is tlsCertificateAuthorityFile, tlsClientCertificateFile or tlsClientKeyFile. A
+// where the option is caFileOption, tlsClientCertificateFile or tlsClientKeyFile. A
 // host that no certificate can name is a Poco::Net::SSLContextException.
 class TlsContexts {
  public:

@@ -268,6 +268,22 @@ TEST_F(Mistake, WrongTypeInTheConfiguration) {
                 "HTTPClient configuration port must be an integer but it's actually string\n");
 }
 
+TEST_F(Mistake, KeyWithoutAValueInTheConfiguration) {
+  expectRefused(chainWith("host: localhost, port: "),
+                "HTTPClient configuration port must be an integer but it's actually null\n");
+}
+
+TEST_F(Mistake, NumberOfMoreThan64BitsInTheConfiguration) {
+  expectRefused(
+      chainWith("host: localhost, port: 12345678901234567890"),
+      "HTTPClient configuration port \"12345678901234567890\" is outside the range of 64 bits\n");
+}
+
+TEST_F(Mistake, BooleanInCapitalsInTheConfiguration) {
+  expectRefused(chainWith("host: localhost, tls: True"),
+                "HTTPClient configuration tls \"True\" is not a bool\n");
+}
+
 TEST_F(Mistake, MissingFileOfAuthorities) {
   expectRefused(
       chainWith("host: localhost, tls: true, tlsCertificateAuthorityFile: " + file("ca.pem")),

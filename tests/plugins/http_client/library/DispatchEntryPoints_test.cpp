@@ -111,8 +111,18 @@ TEST_F(EntryPoints, RefuseACertificateAuthorityFileThatIsNotThere) {
   const data_t missing{
       Config(1).tls().numClients(3).set("tlsCertificateAuthorityFile", "/none.pem").map()};
   EXPECT_EQ(create("name", "chain", missing), nullptr);
-  EXPECT_TRUE(log.contains("Exception from create: "));
+  EXPECT_TRUE(
+      log.contains("Exception from create: HTTPClient configuration tlsCertificateAuthorityFile: "
+                   "cannot use /none.pem: No such file or directory"));
   EXPECT_TRUE(status.items().empty());
+}
+
+TEST_F(EntryPoints, NameTheOlderOptionWhereThatNamesAFileThatIsNotThere) {
+  const data_t missing{Config(1).tls().set("certificateAuthorityPath", "/none.pem").map()};
+  EXPECT_EQ(create("name", "chain", missing), nullptr);
+  EXPECT_TRUE(
+      log.contains("Exception from create: HTTPClient configuration certificateAuthorityPath: "
+                   "cannot use /none.pem: No such file or directory"));
 }
 
 TEST_F(EntryPoints, LeaveTheConfigurationWithTheHost) {

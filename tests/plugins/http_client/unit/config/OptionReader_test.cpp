@@ -2,6 +2,7 @@
 #include "plugins/http_client/config/OptionReader.hpp"
 
 #include <array>
+#include <limits>
 #include <string>
 #include <utility>
 
@@ -56,7 +57,7 @@ TEST(OptionReader, RefusesATextThatIsNone) {
   EXPECT_EQ(errorOf([] { readerOf(Config().set("a", data_t(decimal_t()))).text("a"); }),
             "Thing a must be a string but it's actually decimal");
   EXPECT_EQ(errorOf([] { readerOf(Config().set("a", data_t())).text("a"); }),
-            "Thing a must be a string but it's actually empty");
+            "Thing a must be a string but it's actually null");
 }
 
 TEST(OptionReader, TakesAnIntegerAndATextThatIsOneFromEndToEnd) {
@@ -67,7 +68,7 @@ TEST(OptionReader, TakesAnIntegerAndATextThatIsOneFromEndToEnd) {
 }
 
 TEST(OptionReader, RefusesAnIntegerThatIsNone) {
-  for (const char* text : {"", "x", "12x", " 12", "1.0", "9223372036854775808"}) {
+  for (const char* text : {"", "x", "12x", " 12", "1.0", "9223372036854775808x", "+1"}) {
     EXPECT_EQ(errorOf([&] { readerOf(Config().set("a", text)).integer("a", 0); }),
               "Thing a must be an integer but it's actually string")
         << text;
@@ -76,6 +77,19 @@ TEST(OptionReader, RefusesAnIntegerThatIsNone) {
             "Thing a must be an integer but it's actually boolean");
   EXPECT_EQ(errorOf([] { readerOf(Config().set("a", data_t(1.0))).integer("a", 0); }),
             "Thing a must be an integer but it's actually double");
+  EXPECT_EQ(errorOf([] { readerOf(Config().set("a", data_t())).integer("a", 0); }),
+            "Thing a must be an integer but it's actually null");
+}
+
+TEST(OptionReader, SaysThatAnIntegerIsOutsideTheRangeOf64Bits) {
+  for (const std::string text : {"9223372036854775808", "-9223372036854775809"}) {
+    EXPECT_EQ(errorOf([&] {
+                readerOf(Config().set("a", text)).integer("a", 0, {1, 5});
+              }),
+              "Thing a \"" + text + "\" is outside the range of 64 bits");
+  }
+  EXPECT_EQ(readerOf(Config().set("a", "-9223372036854775808")).integer("a", 0),
+            std::numeric_limits<std::int64_t>::min());
 }
 
 TEST(OptionReader, TakesBothEndsOfARange) {

@@ -104,24 +104,18 @@ std::optional<data_t> nullIn(std::string_view text) {
   return std::nullopt;
 }
 
-// What the core schema makes of a plain scalar, where it is not a text.
+// What the core schema makes of a plain scalar, where it is not a text. The parser itself knows
+// null.
 std::optional<data_t> coreValue(const std::string& text) {
-  if (auto value = nullIn(text)) return value;
   if (auto value = boolIn(text)) return value;
   if (auto value = integerIn(text)) return value;
   return floatIn(text);
 }
 
-// Whether the value would be written as the text says it.
-bool comesBackAs(const std::string& text, const data_t& value) {
-  if (value.empty()) return text.empty() || text == "~" || text == "null";
-  return toJson(value) == text;
-}
-
-// The same, where nothing of the text is lost.
+// The same, where the value would be written as the text says it: nothing of it is lost.
 std::optional<data_t> plainValue(const std::string& text) {
   auto value = coreValue(text);
-  return value && comesBackAs(text, *value) ? std::move(value) : std::nullopt;
+  return value && toJson(*value) == text ? std::move(value) : std::nullopt;
 }
 
 bool isPlain(const YAML::Node& node) { return node.Tag().empty() || node.Tag() == "?"; }

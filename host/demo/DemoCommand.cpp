@@ -20,6 +20,7 @@
 #include "host/log/HostLog.hpp"
 #include "host/messages/MessageReader.hpp"
 #include "host/status/StatusTable.hpp"
+#include "orrery/runtime/Escaping.hpp"
 
 namespace host {
 
@@ -75,7 +76,7 @@ void sendAll(const std::vector<DemoRequest>& requests, Transport& transport, Dem
 std::string shown(const std::string& body) {
   std::string text = body.substr(0, shownBodyLength);
   if (body.size() > shownBodyLength) text += "... (" + std::to_string(body.size()) + " bytes)";
-  return text;
+  return runtime::escaped(text);
 }
 
 void printSamples(const std::vector<DemoRequest>& requests,

@@ -22,7 +22,7 @@ constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
 
 bool isPlain(char character) {
   const auto byte = static_cast<unsigned char>(character);
-  return byte >= 0x20 && byte < 0x80 && byte != '"' && byte != '\\';
+  return byte >= 0x20 && byte < 0x7F && byte != '"' && byte != '\\';
 }
 
 std::size_t plainPrefix(std::string_view text) {
@@ -63,13 +63,6 @@ void appendBinary(std::string_view bytes, std::string& out) {
   out += R"(","subType":"00"}})";
 }
 
-// Takes one character, or one byte that is none, from the front of `rest`.
-void appendNonAscii(std::string_view& rest, std::string& out) {
-  const std::size_t length = runtime::utf8SequenceLength(rest);
-  out += length == 0 ? replacementCharacter : rest.substr(0, length);
-  rest.remove_prefix(std::max<std::size_t>(length, 1));
-}
-
 void appendEscaped(unsigned char character, std::string& out) {
   constexpr std::string_view named = "\"\\\b\f\n\r\t";
   constexpr std::string_view names = "\"\\bfnrt";
@@ -82,6 +75,22 @@ void appendEscaped(unsigned char character, std::string& out) {
   out += "u00";
   out += hexDigits[character >> 4U];
   out += hexDigits[character & 15U];
+}
+
+// U+0080 to U+009F are the bytes C2 80 to C2 9F.
+bool isC1Control(std::string_view character) {
+  return character[0] == '\xC2' && static_cast<unsigned char>(character[1]) < 0xA0;
+}
+
+// Takes one character, or one byte that is none, from the front of `rest`.
+void appendNonAscii(std::string_view& rest, std::string& out) {
+  const std::size_t length = runtime::utf8SequenceLength(rest);
+  if (length == 2 && isC1Control(rest)) {
+    appendEscaped(static_cast<unsigned char>(rest[1]), out);
+    return rest.remove_prefix(length);
+  }
+  out += length == 0 ? replacementCharacter : rest.substr(0, length);
+  rest.remove_prefix(std::max<std::size_t>(length, 1));
 }
 
 }  // namespace

@@ -5,7 +5,8 @@
 // ascending order of the keys' kind (as the tags are numbered), numbers among themselves by value
 // and others by their JSON text. A double always has a fraction or an exponent, and is the shortest
 // that reads back as the same; NaN and the infinities are $numberDouble. Bytes of a text that are
-// not UTF-8 become U+FFFD. A custom value is the string of its text.
+// not UTF-8 become U+FFFD. Control characters are escaped, U+007F to U+009F too: the text may be
+// shown on a terminal. A custom value is the string of its text.
 //
 // Depth costs no stack, and time goes with the length of the text, however keys stand in keys: each
 // is written once.

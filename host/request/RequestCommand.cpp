@@ -92,7 +92,8 @@ class Printer : public ResponseReceiver {
       if (_options.include) print(headOf(response, status.status));
       print(bodyOf(response));
     }
-    if (status.isTransportError) complain(bodyOf(response));
+    // One line stays one line: a server's words in it must not look like the program's.
+    if (status.isTransportError) complain(runtime::escaped(bodyOf(response)));
     if (std::fflush(stdout) != 0) failWriting();
   }
 

@@ -82,7 +82,13 @@ TEST(JsonWriter, WritesADoubleSoThatItReadsBackAsADouble) {
 
 TEST(JsonWriter, EscapesWhatAStringMayNotHold) {
   EXPECT_EQ(toJson(data_t("a\"b\\c/d\b\f\n\r\t\x01\x1F\x7F")),
-            "\"a\\\"b\\\\c/d\\b\\f\\n\\r\\t\\u0001\\u001f\x7F\"");
+            R"("a\"b\\c/d\b\f\n\r\t\u0001\u001f\u007f")");
+}
+
+// A terminal takes some of them for commands.
+TEST(JsonWriter, EscapesTheControlCharactersBeyondAscii) {
+  EXPECT_EQ(toJson(data_t("\u0080a\u009B2J\u009F\u00A0")), "\"\\u0080a\\u009b2J\\u009f\u00A0\"");
+  EXPECT_EQ(rewritten("\"\\u009b\""), "\"\\u009b\"");
 }
 
 TEST(JsonWriter, WritesCharactersBeyondAsciiAsTheyAre) {

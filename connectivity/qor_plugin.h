@@ -9,7 +9,8 @@
  * Conventions:
  *  - Values have one layout on every platform, whatever the size of a pointer.
  *  - "Owned" means: whoever holds the value frees it, with the function named at its tag.
- *    "Borrowed" means: somebody else frees it, and it outlives the call.
+ *    "Borrowed" means: somebody else frees it, and it outlives the call; a borrowed string in a
+ *    message outlives the delivery of its answer.
  *  - Query functions return 0 for success and give their answer through a pointer; every other
  *    result means that the answer is unknown and the pointer's target is untouched.
  *  - Text is NUL-terminated UTF-8, and never null unless a comment says so.
@@ -60,7 +61,9 @@ typedef enum qor_tag_t {
   QOR_MAP = 7,             /* map, owned: qor_free_map; null is the empty map */
   QOR_BUFFER = 8,          /* buffer, owned: qor_free_buffer; null is the empty buffer */
   QOR_CUSTOM = 9,          /* custom, owned: qor_free_custom */
-  QOR_BORROWED_STRING = 10 /* borrowed: a text that the value does not own */
+  /* borrowed: a text that the value does not own. In a message it must live, unchanged, until that
+   * message's answer has been delivered, not only until the call that hands the message over. */
+  QOR_BORROWED_STRING = 10
 } qor_tag_t;
 
 typedef uint64_t qor_underlying_decimal_t;

@@ -51,16 +51,16 @@ extern "C" {
 
 /* The alternative that a value holds. The numbers are part of the layout. */
 typedef enum qor_tag_t {
-  QOR_EMPTY = 0,           /* nothing; the payload is zero */
-  QOR_BOOL = 1,            /* boolean */
-  QOR_DOUBLE = 2,          /* float64 */
-  QOR_INT64 = 3,           /* int64 */
-  QOR_DECIMAL = 4,         /* decimal: IEEE 754-2008 decimal64, binary integer encoding */
-  QOR_STRING = 5,          /* string, owned: qor_free_string */
-  QOR_LIST = 6,            /* list, owned: qor_free_vector; null is the empty list */
-  QOR_MAP = 7,             /* map, owned: qor_free_map; null is the empty map */
-  QOR_BUFFER = 8,          /* buffer, owned: qor_free_buffer; null is the empty buffer */
-  QOR_CUSTOM = 9,          /* custom, owned: qor_free_custom */
+  QOR_EMPTY = 0,   /* nothing; the payload is zero */
+  QOR_BOOL = 1,    /* boolean */
+  QOR_DOUBLE = 2,  /* float64 */
+  QOR_INT64 = 3,   /* int64 */
+  QOR_DECIMAL = 4, /* decimal: IEEE 754-2008 decimal64, binary integer encoding */
+  QOR_STRING = 5,  /* string, owned: qor_free_string */
+  QOR_LIST = 6,    /* list, owned: qor_free_vector; null is the empty list */
+  QOR_MAP = 7,     /* map, owned: qor_free_map; null is the empty map */
+  QOR_BUFFER = 8,  /* buffer, owned: qor_free_buffer; null is the empty buffer */
+  QOR_CUSTOM = 9,  /* custom, owned: qor_free_custom */
   /* borrowed: a text that the value does not own. In a message it must live, unchanged, until that
    * message's answer has been delivered, not only until the call that hands the message over. */
   QOR_BORROWED_STRING = 10

@@ -9,7 +9,7 @@
 
 namespace host {
 
-inline constexpr std::uint64_t maxAliasedNodes = 100'000;
+inline constexpr std::uint64_t maxAliasedNodes = 100000;
 
 // Where the aliases so far expand to more than that; a null mark where none do. An alias to the
 // list or the map that it stands in counts nothing. Throws YAML::Exception where the text is no

@@ -71,14 +71,15 @@ TEST(Dispatch, ChoosesTheWorkerByTheLow32BitsOfTheKeysHash) {
   PluginUnderTest plugin{Config(server.port()).numClients(workers)};
   std::set<std::uint32_t> used;
   bool allBitsChooseAlike = true;
-  for (const char* const name : {"a", "b", "c", "d", "e", "f", "g", "h"}) {
-    const std::string path = std::string("/") + name;
-    plugin.request(Request("GET", path.c_str()).key(name));
-    const auto hash = connectivity::hashes::hash(textValue(name));
+  // Numbers: texts have another hash in each process.
+  for (long long key = 1; key <= 8; ++key) {
+    const std::string path = "/" + std::to_string(key);
+    plugin.request(Request("GET", path.c_str()).set("concurrencyControlKey", data_t(key)));
+    const auto hash = connectivity::hashes::hash(data_t(key));
     const auto worker = static_cast<std::uint32_t>(hash) % workers;
     EXPECT_TRUE(plugin.log().contains("{" + std::to_string(worker) +
                                       "} Handling a request for GET path " + path))
-        << name;
+        << key;
     used.insert(worker);
     allBitsChooseAlike = allBitsChooseAlike && hash % workers == worker;
   }

@@ -171,7 +171,8 @@ class ScriptedServer::TlsChannel final : public SocketChannel {
     return bytes.empty() || SSL_write_ex(_ssl.get(), bytes.data(), bytes.size(), &sent) == 1;
   }
   void close() override {
-    if (_open) SSL_shutdown(_ssl.get());
+    // A number that was closed by a reset, say, may be another connection's by now.
+    if (_open && SocketChannel::socket() >= 0) SSL_shutdown(_ssl.get());
     _open = false;
     drop();
   }

@@ -18,7 +18,7 @@ template <typename Value>
 struct LaneElement {
   // Takes `given` over once there is memory for it, so that a failure leaves it with the caller.
   template <typename Given>
-  explicit LaneElement(Given&& given) noexcept : value(std::forward<Given>(given)) {
+  LaneElement(std::in_place_t, Given&& given) noexcept : value(std::forward<Given>(given)) {
     static_assert(std::is_nothrow_constructible_v<Value, Given&&>, "a value is lost by a throw");
   }
 

@@ -48,7 +48,7 @@ class Life {
     const std::thread::id _thread = std::this_thread::get_id();
     bool _nested = false;
     bool _isWaitedFor = false;  // a batch that was not late
-    Call* _older = nullptr;  // the list of those inside
+    Call* _older = nullptr;     // the list of those inside
     Call* _newer = nullptr;
   };
 

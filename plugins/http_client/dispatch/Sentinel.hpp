@@ -17,8 +17,8 @@ namespace connectivity::plugins {
 // What the barriers of one transport share. Outlives them.
 class Barriers {
  public:
-  // Not every worker will reach a barrier, so that no worker waits at one; or every one will again.
-  void abandon(bool abandoned) ORRERY_EXCLUDES(mutex);
+  // Not every worker will reach a barrier, so that no worker waits at one; false: every one will.
+  void abandon(bool whether) ORRERY_EXCLUDES(mutex);
 
  private:
   friend class Sentinel;

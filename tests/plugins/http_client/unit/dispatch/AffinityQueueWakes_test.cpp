@@ -119,7 +119,7 @@ class AffinityQueueWakes : public testing::Test {
     }
   }
 
-  const StubLogger _logger;
+  const StubLogger _logger{};
   std::optional<Queue> _queue;
   std::vector<std::atomic<int>> _taken;
   std::vector<std::atomic<bool>> _comesBack;

@@ -16,7 +16,7 @@ using Elements = ElementList<Element>;
 using State = Sleeper::State;
 
 Elements::Owner element(const char* name) {
-  return std::make_unique<Element>(std::make_unique<std::string>(name));
+  return std::make_unique<Element>(std::in_place, std::make_unique<std::string>(name));
 }
 
 TEST(ElementList, GivesBackInTheOrderOfArrival) {
@@ -52,7 +52,8 @@ TEST(ElementList, LeavesNothingBehindAnElementThatWasTaken) {
 // is.
 TEST(ElementList, DestroysAMillionElementsOneByOne) {
   Elements list;
-  for (int i = 0; i < 1'000'000; ++i) list.append(std::make_unique<Element>(nullptr));
+  for (int i = 0; i < 1'000'000; ++i)
+    list.append(std::make_unique<Element>(std::in_place, nullptr));
 }
 
 class SleeperStackTest : public testing::Test {

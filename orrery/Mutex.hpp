@@ -56,6 +56,8 @@ class ORRERY_API Condition {
   // True when woken, false when `milliseconds` have passed. REQUIRES: the bound mutex is held.
   bool timedWait(std::int64_t milliseconds);
   void broadcast() noexcept { _condition.notify_all(); }
+  // Wakes one of those that wait, if any does.
+  void signal() noexcept { _condition.notify_one(); }
 
  private:
   Mutex& _mutex;

@@ -3,6 +3,7 @@
 #include <stdexcept>
 #include <string>
 #include <type_traits>
+#include <utility>
 
 #include "connectivity/value_access.hpp"
 #include "plugins/http_client/HTTPClient.hpp"
@@ -11,19 +12,66 @@ namespace connectivity::plugins {
 
 namespace {
 
+constexpr const char* startedInside =
+    "HTTPClient cannot be started from inside a delivery or the release of a flush object";
+constexpr const char* connectedInside =
+    "HTTPClient cannot be connected from inside a delivery or the release of a flush object";
+constexpr const char* shutDownInside =
+    "HTTPClient cannot be shut down from inside a delivery or the release of a flush object";
+constexpr const char* destroyedInside =
+    "HTTPClient cannot be destroyed from inside a delivery or the release of a flush object";
+
 HTTPClient& transportOf(void* plugin) noexcept { return *static_cast<HTTPClient*>(plugin); }
 
-// No exception passes an exported function.
-template <typename Call>
-int guarded(void* plugin, Level level, const char* operation, Call&& call) noexcept {
-  if (plugin == nullptr) return 1;
+// No exception passes an exported function. The report of a failure belongs to the call: the
+// transport is there until it is written.
+template <typename Work>
+int guarded(HTTPClient& transport, Level level, const char* operation, Work&& work) noexcept {
   try {
-    call(transportOf(plugin));
+    work(transport);
     return 0;
   } catch (...) {
-    handleException(transportOf(plugin).getLogger(), level, operation);
+    handleException(transport.getLogger(), level, operation);
     return 1;
   }
+}
+
+// On a worker, or on a thread whose own call releases a flush object, a call that waits for the
+// transport would wait for itself.
+bool isRefused(HTTPClient& transport, const Life::Call& call, const char* operation,
+               const char* refusal) noexcept {
+  if (!call.isNested() && !transport.isOnOwnWorker()) return false;
+  guarded(transport, Level::Error, operation,
+          [refusal](HTTPClient&) { throw std::runtime_error(refusal); });
+  return true;
+}
+
+// A call that waits for the transport.
+template <typename Work>
+int controlled(void* plugin, Level level, const char* operation, const char* refusal,
+               Work&& work) noexcept {
+  if (plugin == nullptr) return 1;
+  HTTPClient& transport = transportOf(plugin);
+  const Life::Call call(transport.life(), Life::Call::Kind::Other);
+  if (isRefused(transport, call, operation, refusal)) return 1;
+  return guarded(transport, level, operation, std::forward<Work>(work));
+}
+
+// A call that may come from anywhere.
+template <typename Work>
+int counted(void* plugin, Life::Call::Kind kind, const char* operation, Work&& work) noexcept {
+  if (plugin == nullptr) return 1;
+  HTTPClient& transport = transportOf(plugin);
+  const Life::Call call(transport.life(), kind);
+  return guarded(transport, Level::Warn, operation, std::forward<Work>(work));
+}
+
+// False where the transport stays.
+bool ended(HTTPClient& transport) noexcept {
+  const Life::Call call(transport.life(), Life::Call::Kind::Other);
+  if (isRefused(transport, call, "destroy", destroyedInside)) return false;
+  guarded(transport, Level::Error, "destroy", [&](HTTPClient&) { transport.end(call); });
+  return true;
 }
 
 std::string textArgument(const char* text) {
@@ -49,6 +97,7 @@ void reportFailedCreate(const char* pluginName, const char* chainId) noexcept {
 using connectivity::Level;
 using connectivity::Message;
 using connectivity::plugins::HTTPClient;
+using Kind = connectivity::plugins::Life::Call::Kind;
 
 extern "C" {
 
@@ -74,24 +123,27 @@ QOR_API void* qor_create_plugin_with_params_HTTPClient(const char* pluginName, c
 }
 
 QOR_API int qor_plugin_start_HTTPClient(void* plugin) {
-  return connectivity::plugins::guarded(plugin, Level::Error, "start",
-                                        [](HTTPClient& transport) { transport.start(); });
+  return connectivity::plugins::controlled(plugin, Level::Error, "start",
+                                           connectivity::plugins::startedInside,
+                                           [](HTTPClient& transport) { transport.start(); });
 }
 
 QOR_API int qor_plugin_hostReady_HTTPClient(void* plugin) {
-  return connectivity::plugins::guarded(plugin, Level::Warn, "hostReady",
+  return connectivity::plugins::counted(plugin, Kind::Other, "hostReady",
                                         [](HTTPClient& transport) { transport.hostReady(); });
 }
 
 QOR_API int qor_plugin_shutdown_HTTPClient(void* plugin) {
-  return connectivity::plugins::guarded(plugin, Level::Warn, "shutdown",
-                                        [](HTTPClient& transport) { transport.shutdown(); });
+  return connectivity::plugins::controlled(plugin, Level::Warn, "shutdown",
+                                           connectivity::plugins::shutDownInside,
+                                           [](HTTPClient& transport) { transport.shutdown(); });
 }
 
 QOR_API int qor_plugin_setNextTowardsHost_HTTPClient(void* plugin, void* chainHandle,
                                                      qor_send_batch_towards_host_t sendBatch) {
-  return connectivity::plugins::guarded(
-      plugin, Level::Error, "setNextTowardsHost", [=](HTTPClient& transport) {
+  return connectivity::plugins::controlled(
+      plugin, Level::Error, "setNextTowardsHost", connectivity::plugins::connectedInside,
+      [=](HTTPClient& transport) {
         if (sendBatch == nullptr) throw std::invalid_argument("The host's batch function is null");
         transport.setNextTowardsHost(
             std::make_unique<connectivity::RemoteHostSide>(chainHandle, sendBatch));
@@ -100,24 +152,17 @@ QOR_API int qor_plugin_setNextTowardsHost_HTTPClient(void* plugin, void* chainHa
 
 QOR_API int qor_plugin_sendBatchTowardsTransport_HTTPClient(void* plugin, qor_message_t* start,
                                                             qor_message_t* end) {
-  return connectivity::plugins::guarded(
-      plugin, Level::Warn, "sendBatchTowardsTransport", [=](HTTPClient& transport) {
+  return connectivity::plugins::counted(
+      plugin, Kind::Batch, "sendBatchTowardsTransport", [=](HTTPClient& transport) {
         transport.sendBatchTowardsTransport(reinterpret_cast<Message*>(start),
                                             reinterpret_cast<Message*>(end));
       });
 }
 
 QOR_API int qor_destroy_plugin_HTTPClient(void* plugin) {
-  if (plugin == nullptr) return 0;
-  auto* transport = static_cast<HTTPClient*>(plugin);
-  if (transport->isOnOwnWorker()) {
-    // It would wait for its own end. Better a transport too many than a process that hangs.
-    connectivity::plugins::guarded(plugin, Level::Error, "destroy", [](HTTPClient&) {
-      throw std::runtime_error("HTTPClient cannot be destroyed from one of its own workers");
-    });
-    return 0;
-  }
-  delete transport;
+  auto* const transport = static_cast<HTTPClient*>(plugin);
+  // Better a transport too many than a process that hangs.
+  if (transport != nullptr && connectivity::plugins::ended(*transport)) delete transport;
   return 0;
 }
 

@@ -10,13 +10,26 @@
 
 namespace connectivity::plugins {
 
+namespace {
+
+// A worker must not wait for space: it may be the one that is to make it. And before the workers
+// run, nobody is.
+WhenFull whenFull(Life::State state, bool onOwnWorker) noexcept {
+  if (onOwnWorker) return WhenFull::Grow;
+  return state == Life::State::Made ? WhenFull::Refuse : WhenFull::Wait;
+}
+
+constexpr const char* startedTooLate = "HTTPClient cannot be started after shutdown";
+
+}  // namespace
+
 orrery::ThreadLocal<AbstractTransport> HTTPClient::sourceThread;
 
 HTTPClient::HTTPClient(
     const PluginConstructorParameters::TransportConstructorParameters& parameters)
     : AbstractTransport(parameters),
       options(ConfiguredOptions::parse(config)),
-      dispatcher(workerCount(), constants, getLogger(), hostHandle()),
+      dispatcher(workerCount(), constants, getLogger(), hostHandle(), _life.isStopping()),
       metrics(getStatusReporter(), pluginName + "." + chainId, workerCount()),
       cookies(options.cookieJar, getLogger()),
       tlsContexts({options.tls.certificateAuthorityFile, options.tls.acceptUnrecognizedCertificates,
@@ -34,12 +47,14 @@ HTTPClient::HTTPClient(
 }
 
 HTTPClient::~HTTPClient() {
-  dispatcher.finishBatches();
+  std::uint32_t running = 0;
+  beginToStop(running);
+  _life.waitForBatches();
   stopWorkers();
 }
 
 void HTTPClient::start() {
-  if (isShuttingDown()) throw std::runtime_error("HTTPClient cannot be started after shutdown");
+  if (_life.isStopping()) throw std::runtime_error(startedTooLate);
   {
     const orrery::AutoMutex lock(responseMutex);
     if (hostSide == nullptr) {
@@ -60,25 +75,32 @@ void HTTPClient::enableQueueFlushMessages() const {
 }
 
 void HTTPClient::startWorkers() {
-  const orrery::AutoMutex lock(sessionsMutex);
-  try {
-    while (runningWorkers < clientSessionThreads.size()) {
-      clientSessionThreads[runningWorkers]->start();
-      ++runningWorkers;
+  std::exception_ptr failure;
+  {
+    const orrery::AutoMutex lock(sessionsMutex);
+    if (_life.isStopping()) throw std::runtime_error(startedTooLate);
+    try {
+      startEach();
+      _life.run();
+    } catch (...) {
+      failure = std::current_exception();
     }
-    dispatcher.abandonBarriers(false);
-  } catch (...) {
-    // A barrier that waits for the workers that are missing would never be complete.
-    dispatcher.abandonBarriers(true);
-    metrics.updateTransportStatus("FAILED");
-    throw;
+    // A barrier that waits for workers that are missing would never be complete.
+    dispatcher.abandonBarriers(failure != nullptr);
+  }
+  if (!failure) return;
+  metrics.updateTransportStatus("FAILED");
+  std::rethrow_exception(failure);
+}
+
+void HTTPClient::startEach() {
+  while (runningWorkers < clientSessionThreads.size()) {
+    clientSessionThreads[runningWorkers]->start();
+    ++runningWorkers;
   }
 }
 
 void HTTPClient::setNextTowardsHost(std::unique_ptr<HostSide>&& side) {
-  if (isOnOwnWorker()) {
-    throw std::runtime_error("HTTPClient cannot be connected from one of its own workers");
-  }
   const orrery::AutoMutex lock(responseMutex);
   AbstractTransport::setNextTowardsHost(std::move(side));
 }
@@ -86,13 +108,12 @@ void HTTPClient::setNextTowardsHost(std::unique_ptr<HostSide>&& side) {
 // --- Batches -------------------------------------------------------------------------------------
 
 void HTTPClient::sendBatchTowardsTransport(Message* start, Message* end) {
-  const BatchGate::Pass inside(dispatcher.gate());
-  if (!inside) return;
-  // A worker must not wait for space: it may be the one that is to make it.
-  const bool noWait = isOnOwnWorker();
-  // Nor may it need the sessions mutex, which is held while workers are joined.
-  if (!noWait) captureSchedulableQueue();
-  Dispatcher::Pushed pushed = dispatcher.push(start, end, noWait);
+  const Life::State state = _life.state();
+  if (state >= Life::State::Stopping) return;
+  const bool onOwnWorker = isOnOwnWorker();
+  // It must not need the sessions mutex either, which is held while workers are joined.
+  if (!onOwnWorker) captureSchedulableQueue();
+  Dispatcher::Pushed pushed = dispatcher.push(start, end, whenFull(state, onOwnWorker));
   for (; pushed.serialized > 0; --pushed.serialized) metrics.countSerializedRequest();
   metrics.updateConcurrencyUtilizationStatus();
   metrics.setQueueSize(dispatcher.queueSize());
@@ -149,19 +170,22 @@ int HTTPClient::handOver(Message& message) {
 
 // --- The end -------------------------------------------------------------------------------------
 
+// False where that was so before. Under the mutex, so that a start beside this is whole or not at
+// all; `running` workers are to be waited for.
+bool HTTPClient::beginToStop(std::uint32_t& running) {
+  const orrery::AutoMutex lock(sessionsMutex);
+  running = runningWorkers;
+  if (!_life.stop()) return false;
+  dispatcher.wakeBatches();
+  return true;
+}
+
 void HTTPClient::shutdown() {
-  if (isOnOwnWorker()) {
-    throw std::runtime_error("HTTPClient cannot be shut down from one of its own workers");
-  }
-  if (!dispatcher.gate().close()) return;
-  dispatcher.finishBatches();
+  std::uint32_t running = 0;
+  if (!beginToStop(running)) return;
+  _life.waitForBatches();
   std::exception_ptr failure;
   try {
-    std::uint32_t running = 0;
-    {
-      const orrery::AutoMutex lock(sessionsMutex);
-      running = runningWorkers;
-    }
     dispatcher.drain(running);
   } catch (...) {
     failure = std::current_exception();
@@ -170,13 +194,23 @@ void HTTPClient::shutdown() {
   if (failure) std::rethrow_exception(failure);
 }
 
+void HTTPClient::end(const Life::Call& own) {
+  std::uint32_t running = 0;
+  beginToStop(running);
+  _life.waitUntilAlone(own);
+  stopWorkers();
+}
+
 void HTTPClient::stopWorkers() {
   dispatcher.terminate();
-  const orrery::AutoMutex lock(sessionsMutex);
-  for (const auto& worker : clientSessionThreads) worker->stop();
-  clientSessionThreads.clear();
-  runningWorkers = 0;
-  if (const std::uint32_t dropped = dispatcher.queueSize(); dropped > 0) {
+  {
+    const orrery::AutoMutex lock(sessionsMutex);
+    for (const auto& worker : clientSessionThreads) worker->stop();
+    clientSessionThreads.clear();
+    runningWorkers = 0;
+  }
+  _life.stopped();
+  if (const std::uint32_t dropped = dispatcher.drop(); dropped > 0) {
     getLogger().warn("Dropped %u queued elements that no worker has taken", dropped);
   }
 }

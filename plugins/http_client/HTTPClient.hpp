@@ -21,6 +21,7 @@
 #include "plugins/http_client/config/ConfiguredOptions.hpp"
 #include "plugins/http_client/config/DataTConstants.hpp"
 #include "plugins/http_client/dispatch/Dispatcher.hpp"
+#include "plugins/http_client/dispatch/Life.hpp"
 #include "plugins/http_client/shared/Cookies.hpp"
 #include "plugins/http_client/shared/Metrics.hpp"
 #include "plugins/http_client/wire/Resolver.hpp"
@@ -41,25 +42,32 @@ class HTTPClient final : public AbstractTransport, private WorkerOwner {
   // Stops and joins workers that still run; what is still queued is dropped.
   ~HTTPClient() override;
 
+  // Each entry point is counted there while it is inside. What may not be called from inside
+  // another call of this transport, its caller refuses.
+  Life& life() noexcept { return _life; }
+
   // Starts the workers. Errors: "HTTPClient cannot be started before it has a host side",
   // "HTTPClient cannot be started after shutdown", and a thread's own; where that happened, another
   // start goes on with the worker that failed.
   void start() override;
 
   // Lets every accepted request be answered, then stops and joins the workers. Where the host says
-  // that it is shutting down itself, what is queued is dropped and only what runs is answered. A
-  // second call does nothing. Errors: "HTTPClient cannot be shut down from one of its own workers";
-  // and, once the workers are stopped, "An error occurred while checking if host is shutting down".
+  // that it is shutting down itself, or the workers were never started, what is queued is dropped.
+  // A second call does nothing. Error, once the workers are stopped: "An error occurred while
+  // checking if host is shutting down".
   void shutdown() override;
 
-  // Waits for what is being delivered. "HTTPClient cannot be connected from one of its own
-  // workers".
+  // What comes before destruction: waits for the calls that are inside, but `own`, and stops as
+  // shutdown does, except that what is queued is dropped.
+  void end(const Life::Call& own);
+
+  // Waits for what is being delivered.
   void setNextTowardsHost(std::unique_ptr<HostSide>&& side) override;
 
   // Queues the messages, in order, for the workers. Waits while the queue is full, except on one of
   // the transport's own workers. Takes nothing once shutdown has begun. Errors (the messages before
   // the one at fault are queued): "Couldn't locate queue flush object in message", "Cannot use
-  // custom values as a key".
+  // custom values as a key"; before start: "The queue is full, and nobody takes anything yet".
   void sendBatchTowardsTransport(Message* start, Message* end) override;
 
   // Whether the calling thread is one of this transport's workers.
@@ -77,12 +85,13 @@ class HTTPClient final : public AbstractTransport, private WorkerOwner {
   void enableQueueFlushMessages() const;
   void captureSchedulableQueue();
   void startWorkers();
+  void startEach() ORRERY_REQUIRES(sessionsMutex);
+  bool beginToStop(std::uint32_t& running) ORRERY_EXCLUDES(sessionsMutex);
   void stopWorkers();
 
   std::uint32_t workerCount() const noexcept {
     return static_cast<std::uint32_t>(options.numClients);
   }
-  bool isShuttingDown() const noexcept { return dispatcher.isShuttingDown(); }
 
   // Where each worker notes whose it is; null on all other threads.
   static orrery::ThreadLocal<AbstractTransport> sourceThread;
@@ -97,6 +106,7 @@ class HTTPClient final : public AbstractTransport, private WorkerOwner {
       ORRERY_GUARDED_BY(sessionsMutex);
   std::uint32_t runningWorkers ORRERY_GUARDED_BY(sessionsMutex) = 0;  // the first so many
 
+  Life _life;
   std::atomic<bool> needSchedulableQueue{true};
   Dispatcher dispatcher;
   Metrics metrics;

@@ -160,18 +160,20 @@ class ScriptedServer::TlsChannel final : public SocketChannel {
     return hello;
   }
   std::size_t receive(char* into, std::size_t room) override {
+    if (!hasSocket()) return 0;
     ERR_clear_error();
     const auto limit = room > INT_MAX ? INT_MAX : static_cast<int>(room);
     const int got = SSL_read(_ssl.get(), into, limit);
     return got > 0 ? static_cast<std::size_t>(got) : 0;
   }
   bool send(std::string_view bytes) override {
+    if (!hasSocket()) return false;
     ERR_clear_error();
     std::size_t sent = 0;
     return bytes.empty() || SSL_write_ex(_ssl.get(), bytes.data(), bytes.size(), &sent) == 1;
   }
   void close() override {
-    if (_open) SSL_shutdown(_ssl.get());
+    if (_open && hasSocket()) SSL_shutdown(_ssl.get());
     _open = false;
     drop();
   }
@@ -185,6 +187,9 @@ class ScriptedServer::TlsChannel final : public SocketChannel {
   struct Free {
     void operator()(SSL* object) const noexcept { SSL_free(object); }
   };
+  // OpenSSL keeps the number, which is another connection's soon after it was closed.
+  bool hasSocket() const { return SocketChannel::socket() >= 0; }
+
   const TlsOptions& _options;
   const std::unique_ptr<SSL, Free> _ssl;
   bool _open = false;

@@ -1,20 +1,25 @@
 // A bounded, blocking queue with one lane for each consumer.
 //
 // An element with an affinity stands on one lane, and only that lane's consumer takes it. An
-// element without one stands on every lane at its place in the order of arrival, and whichever
-// consumer reaches it first takes it off all of them. Each lane is first in, first out.
+// element without one stands on the lane that all share, and whichever consumer reaches it first
+// takes it. Elements are numbered as they arrive, and a consumer takes the older of what its own
+// lane and the shared one begin with: to each consumer the two are one lane, first in, first out.
 //
-// Producers open a LockPushBatch, which holds the queue's mutex, and push through it; consumers are
-// woken when it closes. A producer waits while the queue is full, and lets go of the mutex
-// meanwhile, so that other batches may come between its elements. The queue never calls its logger
-// or a batch's listener, and never destroys a value, while the mutex is held.
+// Producers open a LockPushBatch, which holds the queue's mutex, and push through it. When it
+// closes it wakes whom it has brought something, and nobody else; who wakes whom, and why nobody
+// sleeps for ever, is told in waking.md. A producer waits while the queue is full, and lets go of
+// the mutex meanwhile, so that other batches may come between its elements. The queue never calls
+// its logger or a batch's listener, and never destroys a value, while the mutex is held.
 //
-// Any thread may call anything. Before the queue is destroyed, all of them have left it.
+// Any thread may push. One thread at a time takes for a lane. Before the queue is destroyed, all of
+// them have left it.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -23,7 +28,7 @@
 #include <vector>
 
 #include "orrery/Mutex.hpp"
-#include "plugins/http_client/dispatch/LaneElement.hpp"
+#include "plugins/http_client/dispatch/Lane.hpp"
 
 namespace connectivity::plugins {
 
@@ -31,6 +36,13 @@ namespace connectivity::plugins {
 class QueueTerminated : public std::runtime_error {
  public:
   QueueTerminated() : std::runtime_error("This queue has been terminated") {}
+};
+
+// What happens to a value for which there is no room.
+enum class WhenFull {
+  Wait,
+  Grow,    // beyond the capacity, for producers that must not wait
+  Refuse,  // std::runtime_error "The queue is full, and nobody takes anything yet"
 };
 
 template <typename Value, typename LoggerType>
@@ -42,25 +54,28 @@ class AffinityQueue {
   // reported again, until it has shrunk to fewer than `notFullBelow`.
   static constexpr std::uint32_t capacity = 2048;
   static constexpr std::uint32_t notFullBelow = 1849;
+  // A producer that waits is woken when there is room and so many were taken since the last time;
+  // at once while a consumer sleeps.
+  static constexpr std::uint32_t takenBeforeWaking = 32;
 
   // Throws std::runtime_error "Must have at least one consumer". The logger is borrowed.
   AffinityQueue(std::uint32_t consumers, const LoggerType& logger);
-  // Destroys what is still queued, lane by lane.
+  // Destroys what is still queued, as drop() does.
   ~AffinityQueue();
   AffinityQueue(const AffinityQueue&) = delete;
   AffinityQueue& operator=(const AffinityQueue&) = delete;
 
   // Queues a value behind everything that its lane (`affinity` modulo the consumers), or every
-  // lane, holds; waits for space unless `noWait`. False, and `value` untouched, where the batch is
-  // abandoned.
+  // lane, holds. False, and `value` untouched, where the batch is abandoned.
   template <typename Given>
-  bool enqueue(LockPushBatch& batch, Given&& value, bool noWait,
+  bool enqueue(LockPushBatch& batch, Given&& value, WhenFull whenFull,
                std::optional<std::uint32_t> affinity = std::nullopt);
   // Queues one value on each of the first `rowLength` lanes, all in one step, so that any two such
   // rows stand in the same order on every lane. `make` is called for each value, after the wait for
   // space. False, and nothing made, where the batch is abandoned.
   template <typename Make>
-  bool enqueueOnEachLane(LockPushBatch& batch, std::uint32_t rowLength, bool noWait, Make&& make);
+  bool enqueueOnEachLane(LockPushBatch& batch, std::uint32_t rowLength, WhenFull whenFull,
+                         Make&& make);
 
   // The oldest value of the consumer's lane (`consumer` modulo the consumers); waits for one. Calls
   // `onTaken`, where given, under the mutex; an empty one is std::bad_function_call. Throws
@@ -72,47 +87,60 @@ class AffinityQueue {
   void terminate() ORRERY_EXCLUDES(mutex);
   // Has every producer that waits for space look again whether its batch is abandoned.
   void wakeProducers() ORRERY_EXCLUDES(mutex);
-  // Elements, each counted once, however many lanes it stands on.
+  // Destroys what is queued, lane by lane, each in its order; how many elements that were.
+  std::uint32_t drop() ORRERY_EXCLUDES(mutex);
+  // Elements, on all lanes.
   std::uint32_t size() ORRERY_EXCLUDES(mutex);
 
  private:
+  friend struct AffinityQueueTestPeer;
   using Element = LaneElement<Value>;
-  using Owner = typename Element::Owner;
-  struct Lane {
-    LinkPair head;
-    std::uint32_t waiting = 0;  // consumers that sleep in front of this lane
+  using Elements = ElementList<Element>;
+  using Owner = typename Elements::Owner;
+  struct Lane : Sleeper {
+    using Sleeper::Sleeper;
+    Elements elements;
   };
 
+  bool findSpace(LockPushBatch& batch, WhenFull whenFull) ORRERY_REQUIRES(mutex);
   bool waitForSpace(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
   bool lookForSpace() ORRERY_REQUIRES(mutex);
   void sleepForSpace() ORRERY_REQUIRES(mutex);
   // These let go of the mutex meanwhile: an element that was waited for is linked before endWait.
-  void reportFull() ORRERY_REQUIRES(mutex);
+  void reportFull(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
   void reportWait(LockPushBatch& batch, bool waiting) ORRERY_REQUIRES(mutex);
+  void wakeChosen(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
   void endWait(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
-  void append(Element& element, std::uint32_t pair, Lane& lane, LockPushBatch& batch)
+
+  void append(Elements& lane, Owner&& element) ORRERY_REQUIRES(mutex);
+  void appendToLane(std::uint32_t index, Owner&& element, LockPushBatch& batch)
       ORRERY_REQUIRES(mutex);
-  Owner take(std::uint32_t consumer, const std::optional<std::function<void()>>& onTaken)
-      ORRERY_EXCLUDES(mutex);
+  void choose(Sleeper& sleeper, LockPushBatch& batch) ORRERY_REQUIRES(mutex);
+  void chooseForCommon(LockPushBatch& batch) ORRERY_REQUIRES(mutex);
+
   void waitForElement(Lane& lane) ORRERY_REQUIRES(mutex);
+  void fallAsleep(Lane& lane) ORRERY_REQUIRES(mutex);
+  Owner takeOldest(Lane& lane) ORRERY_REQUIRES(mutex);
+  bool countTaken() ORRERY_REQUIRES(mutex);
 
   const std::uint32_t numConsumers;
   const LoggerType& logger;
 
   orrery::Mutex mutex{"AffinityQueue"};
-  // Consumers and producers sleep apart, so that neither are woken for the others' sake.
-  orrery::Condition work{mutex};
-  orrery::Condition space{mutex};
+  orrery::Condition space{mutex};  // producers wait here; consumers each on their lane
   bool terminated ORRERY_GUARDED_BY(mutex) = false;
   bool fullWarned ORRERY_GUARDED_BY(mutex) = false;
   std::uint32_t count ORRERY_GUARDED_BY(mutex) = 0;
-  std::uint32_t waitingConsumers ORRERY_GUARDED_BY(mutex) = 0;
+  std::uint64_t arrivals ORRERY_GUARDED_BY(mutex) = 0;
   std::uint32_t waitingProducers ORRERY_GUARDED_BY(mutex) = 0;
-  std::vector<Lane> lanes ORRERY_GUARDED_BY(mutex);
+  std::uint32_t takenMeanwhile ORRERY_GUARDED_BY(mutex) = 0;  // since producers were woken
+  std::deque<Lane> lanes ORRERY_GUARDED_BY(mutex);
+  Elements common ORRERY_GUARDED_BY(mutex);
+  SleeperStack sleepers ORRERY_GUARDED_BY(mutex);
 };
 
 // What a producer pushes through: holds the queue's mutex from construction to destruction, and
-// then wakes the consumers that sleep in front of a lane that has grown.
+// then wakes those that it has chosen.
 template <typename Value, typename LoggerType>
 class ORRERY_SCOPED_CAPABILITY AffinityQueue<Value, LoggerType>::LockPushBatch {
  public:
@@ -127,8 +155,7 @@ class ORRERY_SCOPED_CAPABILITY AffinityQueue<Value, LoggerType>::LockPushBatch {
     _queue.mutex.lock();
   }
   ~LockPushBatch() ORRERY_RELEASE() {
-    _queue.mutex.unlock();
-    if (_wakeConsumers) _queue.work.broadcast();
+    letGo();
     // A wait that ended by an exception.
     if (_waiting && _onWait) _onWait(false);
   }
@@ -141,205 +168,26 @@ class ORRERY_SCOPED_CAPABILITY AffinityQueue<Value, LoggerType>::LockPushBatch {
 
  private:
   friend class AffinityQueue;
+
+  bool hasSomebodyToWake() const noexcept { return _chosenCount > 0 || _common > 0; }
+  // Unlocks, and wakes those who were chosen: not before, for they would have to wait for the
+  // mutex.
+  void letGo() ORRERY_NO_THREAD_SAFETY_ANALYSIS {
+    _queue.chooseForCommon(*this);
+    _queue.mutex.unlock();
+    while (_chosenCount > 0) _chosen[--_chosenCount]->wake.signal();
+  }
+
   AffinityQueue& _queue;
   const std::atomic<bool>* const _abandon;
   const WaitListener _onWait;
-  bool _waiting = false;  // as was reported last
-  bool _wakeConsumers = false;
+  bool _waiting = false;      // as was reported last
+  std::uint32_t _common = 0;  // elements for anybody, nobody chosen for them yet
+  // To be signalled. Whoever has no place here is signalled at once.
+  std::array<Sleeper*, 16> _chosen;
+  std::size_t _chosenCount = 0;
 };
 
-// --- Implementation ------------------------------------------------------------------------------
-
-template <typename Value, typename LoggerType>
-AffinityQueue<Value, LoggerType>::AffinityQueue(std::uint32_t consumers,
-                                                const LoggerType& queueLogger)
-    : numConsumers(consumers), logger(queueLogger), lanes(consumers) {
-  if (consumers == 0) throw std::runtime_error("Must have at least one consumer");
-}
-
-template <typename Value, typename LoggerType>
-AffinityQueue<Value, LoggerType>::~AffinityQueue() {
-  terminate();
-  LinkPair dropped;
-  {
-    const orrery::AutoMutex lock(mutex);
-    for (Lane& lane : lanes) {
-      while (!lane.head.isAlone()) {
-        Element* element = Element::of(*lane.head.next);
-        element->unlink();
-        element->pair(0).appendTo(dropped);
-      }
-    }
-    count = 0;
-  }
-  while (!dropped.isAlone()) {
-    const Owner element(Element::of(*dropped.next));
-    element->unlink();
-  }
-}
-
-// The batch proves that the mutex is held, which the analysis cannot see.
-template <typename Value, typename LoggerType>
-template <typename Given>
-bool AffinityQueue<Value, LoggerType>::enqueue(LockPushBatch& batch, Given&& value, bool noWait,
-                                               std::optional<std::uint32_t> affinity)
-    ORRERY_NO_THREAD_SAFETY_ANALYSIS {
-  if (batch.isAbandoned() || (!noWait && !waitForSpace(batch))) return false;
-  Element* element =
-      Element::create(affinity ? 1 : numConsumers, std::forward<Given>(value)).release();
-  // The lanes own it now, which the analyzer does not see.
-  // NOLINTBEGIN(clang-analyzer-cplusplus.NewDeleteLeaks)
-  if (affinity) {
-    append(*element, 0, lanes[*affinity % numConsumers], batch);
-  } else {
-    for (std::uint32_t i = 0; i < numConsumers; ++i) append(*element, i, lanes[i], batch);
-  }
-  ++count;
-  endWait(batch);
-  return true;
-  // NOLINTEND(clang-analyzer-cplusplus.NewDeleteLeaks)
-}
-
-// As above. Everything that can wait or fail comes before the first link.
-template <typename Value, typename LoggerType>
-template <typename Make>
-bool AffinityQueue<Value, LoggerType>::enqueueOnEachLane(
-    LockPushBatch& batch, std::uint32_t rowLength, bool noWait,
-    Make&& make) ORRERY_NO_THREAD_SAFETY_ANALYSIS {
-  if (batch.isAbandoned() || (!noWait && !waitForSpace(batch))) return false;
-  std::vector<Owner> row;
-  row.reserve(rowLength);
-  for (std::uint32_t i = 0; i < rowLength; ++i) row.push_back(Element::create(1, make()));
-  for (std::uint32_t i = 0; i < rowLength; ++i) {
-    append(*row[i].release(), 0, lanes[i % numConsumers], batch);
-  }
-  count += rowLength;
-  endWait(batch);
-  return true;
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::append(Element& element, std::uint32_t pair, Lane& lane,
-                                              LockPushBatch& batch) {
-  element.pair(pair).appendTo(lane.head);
-  batch._wakeConsumers = batch._wakeConsumers || lane.waiting > 0;
-}
-
-template <typename Value, typename LoggerType>
-bool AffinityQueue<Value, LoggerType>::waitForSpace(LockPushBatch& batch) {
-  while (!batch.isAbandoned()) {
-    if (lookForSpace()) return true;
-    // Each of these lets go of the mutex: look again.
-    if (!fullWarned) {
-      fullWarned = true;
-      reportFull();
-    } else if (!batch._waiting) {
-      reportWait(batch, true);
-    } else {
-      sleepForSpace();
-    }
-  }
-  endWait(batch);
-  return false;
-}
-
-template <typename Value, typename LoggerType>
-bool AffinityQueue<Value, LoggerType>::lookForSpace() {
-  if (count < notFullBelow) fullWarned = false;
-  return count < capacity || terminated;
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::sleepForSpace() {
-  // Nobody else may wake those who are to make the space: this batch is not closed yet.
-  if (waitingConsumers > 0) work.broadcast();
-  ++waitingProducers;
-  space.timedWait(1000);
-  --waitingProducers;
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::endWait(LockPushBatch& batch) {
-  if (batch._waiting) reportWait(batch, false);
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::reportWait(LockPushBatch& batch, bool waiting) {
-  batch._waiting = waiting;
-  if (!batch._onWait) return;
-  mutex.unlock();
-  batch._onWait(waiting);
-  mutex.lock();
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::reportFull() {
-  const auto full = static_cast<int>(count);
-  mutex.unlock();
-  try {
-    logger.debug(
-        "AffinityQueue is full, must wait for something to be removed before adding more items - "
-        "%d",
-        full);
-  } catch (...) {
-    mutex.lock();
-    throw;
-  }
-  mutex.lock();
-}
-
-template <typename Value, typename LoggerType>
-Value AffinityQueue<Value, LoggerType>::dequeue(
-    std::uint32_t consumer, const std::optional<std::function<void()>>& onTaken) {
-  const Owner taken = take(consumer, onTaken);
-  return std::move(taken->value);
-}
-
-template <typename Value, typename LoggerType>
-typename AffinityQueue<Value, LoggerType>::Owner AffinityQueue<Value, LoggerType>::take(
-    std::uint32_t consumer, const std::optional<std::function<void()>>& onTaken) {
-  Owner taken;  // outlives the lock: a value is never destroyed under it
-  const orrery::AutoMutex lock(mutex);
-  Lane& lane = lanes[consumer % numConsumers];
-  waitForElement(lane);
-  taken.reset(Element::of(*lane.head.next));
-  taken->unlink();
-  --count;
-  if (onTaken) (*onTaken)();
-  if (waitingProducers > 0 && count < capacity) space.broadcast();
-  return taken;
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::waitForElement(Lane& lane) {
-  while (lane.head.isAlone() && !terminated) {
-    ++lane.waiting;
-    ++waitingConsumers;
-    work.wait();
-    --waitingConsumers;
-    --lane.waiting;
-  }
-  if (terminated) throw QueueTerminated();
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::terminate() {
-  const orrery::AutoMutex lock(mutex);
-  terminated = true;
-  work.broadcast();
-  space.broadcast();
-}
-
-template <typename Value, typename LoggerType>
-void AffinityQueue<Value, LoggerType>::wakeProducers() {
-  const orrery::AutoMutex lock(mutex);
-  space.broadcast();
-}
-
-template <typename Value, typename LoggerType>
-std::uint32_t AffinityQueue<Value, LoggerType>::size() {
-  const orrery::AutoMutex lock(mutex);
-  return count;
-}
-
 }  // namespace connectivity::plugins
+
+#include "plugins/http_client/dispatch/AffinityQueueInside.hpp"

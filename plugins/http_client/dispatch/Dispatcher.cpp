@@ -28,25 +28,26 @@ const data_t* given(const map_t& metadata, const Constant& key) {
 }  // namespace
 
 Dispatcher::Dispatcher(std::uint32_t workers, const DataTConstants& keys, const Logger& logger,
-                       void* hostHandle)
+                       void* hostHandle, const std::atomic<bool>& shuttingDown)
     : _workers(workers),
       _keys(keys),
       _logger(logger),
       _hostHandle(hostHandle),
+      _shuttingDown(shuttingDown),
       _queue(workers, logger) {}
 
 // --- Batches -------------------------------------------------------------------------------------
 
-Dispatcher::Pushed Dispatcher::push(Message* start, Message* end, bool noWait) {
+Dispatcher::Pushed Dispatcher::push(Message* start, Message* end, WhenFull whenFull) {
   const Batch batch = readBatch(start, end);
   // Let go of after the batch is closed: the last one frees the host's flush object.
   Sentinels sentinels;
   Pushed pushed;
   pushed.failure = batch.failure;
-  Queue::LockPushBatch open(_queue, &_gate.closed(),
+  Queue::LockPushBatch open(_queue, &_shuttingDown,
                             [this](bool waiting) { reportBatchWaits(waiting); });
   for (std::size_t i = 0; i < batch.wishes.size(); ++i) {
-    if (!pushMessage(open, start[i], batch.wishes[i], noWait, sentinels)) break;
+    if (!pushMessage(open, start[i], batch.wishes[i], whenFull, sentinels)) break;
     if (batch.wishes[i].flushFirst) ++pushed.serialized;
   }
   return pushed;
@@ -122,28 +123,28 @@ void Dispatcher::reportBatchWaits(bool waiting) const noexcept {
 
 // False where the transport is shutting down and takes no more; the message is then untouched.
 bool Dispatcher::pushMessage(Queue::LockPushBatch& batch, Message& message, const Wish& wish,
-                             bool noWait, Sentinels& sentinels) {
+                             WhenFull whenFull, Sentinels& sentinels) {
   if (wish.queueFlush || wish.flushFirst) {
     sentinels.push_back(
-        enqueueSentinel(batch, _workers, noWait, wish.queueFlush ? &message.metadata : nullptr));
+        enqueueSentinel(batch, _workers, whenFull, wish.queueFlush ? &message.metadata : nullptr));
     if (sentinels.back() == nullptr) return false;
     if (wish.queueFlush) return true;
   }
-  return _queue.enqueue(batch, std::move(message), noWait, wish.affinity);
+  return _queue.enqueue(batch, std::move(message), whenFull, wish.affinity);
 }
 
 std::shared_ptr<Sentinel> Dispatcher::enqueueSentinel(Queue::LockPushBatch& batch,
-                                                      std::uint32_t workers, bool noWait,
+                                                      std::uint32_t workers, WhenFull whenFull,
                                                       map_t* metadata) {
   std::shared_ptr<Sentinel> sentinel;
   const auto shareOne = [&] {
     if (sentinel == nullptr) {
       sentinel = std::make_shared<Sentinel>(
-          workers, metadata == nullptr ? data_t() : getQueueFlushObject(*metadata));
+          _barriers, workers, metadata == nullptr ? data_t() : getQueueFlushObject(*metadata));
     }
     return sentinel;
   };
-  _queue.enqueueOnEachLane(batch, workers, noWait, shareOne);
+  _queue.enqueueOnEachLane(batch, workers, whenFull, shareOne);
   return sentinel;
 }
 
@@ -162,7 +163,7 @@ Message Dispatcher::getNextMessageRequest(unsigned worker) {
 void Dispatcher::waitAtBarrier(unsigned worker, Sentinel& sentinel) const {
   sentinel.arrive();
   bool reported = false;
-  while (!_barriersAbandoned) {
+  for (;;) {
     try {
       if (isHostShuttingDown()) return;
     } catch (const std::exception& exception) {
@@ -173,7 +174,7 @@ void Dispatcher::waitAtBarrier(unsigned worker, Sentinel& sentinel) const {
       }
       reported = true;
     }
-    if (sentinel.waitUntilComplete(barrierPassMillis)) return;
+    if (sentinel.waitUntilOpen(barrierPassMillis)) return;
   }
 }
 
@@ -186,12 +187,6 @@ bool Dispatcher::isHostShuttingDown() const {
 }
 
 // --- The end -------------------------------------------------------------------------------------
-
-void Dispatcher::finishBatches() {
-  _gate.close();
-  _queue.wakeProducers();
-  _gate.waitUntilEmpty();
-}
 
 void Dispatcher::drain(std::uint32_t running) {
   std::exception_ptr failure;
@@ -207,7 +202,7 @@ void Dispatcher::drain(std::uint32_t running) {
     std::shared_ptr<Sentinel> sentinel;
     {
       Queue::LockPushBatch batch(_queue);
-      sentinel = enqueueSentinel(batch, running, true, nullptr);
+      sentinel = enqueueSentinel(batch, running, WhenFull::Grow, nullptr);
     }
     while (sentinel != nullptr && !isHostGoing() &&
            !sentinel->waitUntilComplete(barrierPassMillis)) {
@@ -217,7 +212,7 @@ void Dispatcher::drain(std::uint32_t running) {
 }
 
 void Dispatcher::terminate() {
-  _barriersAbandoned = true;
+  _barriers.abandon(true);
   _queue.terminate();
 }
 

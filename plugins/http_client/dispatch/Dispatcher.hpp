@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -19,7 +20,6 @@
 #include "connectivity/data_t.hpp"
 #include "plugins/http_client/config/DataTConstants.hpp"
 #include "plugins/http_client/dispatch/AffinityQueue.hpp"
-#include "plugins/http_client/dispatch/BatchGate.hpp"
 #include "plugins/http_client/dispatch/Sentinel.hpp"
 
 namespace connectivity::plugins {
@@ -32,20 +32,19 @@ class Dispatcher {
     std::exception_ptr failure;  // what is wrong with the first message that was not taken, or null
   };
 
-  // Throws std::runtime_error "Must have at least one consumer". Keys and logger are borrowed.
+  // Throws std::runtime_error "Must have at least one consumer". Keys, logger and flag are
+  // borrowed: the flag is true once no further messages are to be taken.
   Dispatcher(std::uint32_t workers, const DataTConstants& keys, const Logger& logger,
-             void* hostHandle);
+             void* hostHandle, const std::atomic<bool>& shuttingDown);
+
+  bool isShuttingDown() const noexcept { return _shuttingDown.load(); }
 
   // --- Batches
 
-  // What a batch passes to be inside; closed once the transport is shutting down.
-  BatchGate& gate() noexcept { return _gate; }
-  bool isShuttingDown() const noexcept { return _gate.closed().load(); }
-
-  // Queues the messages, in order. Waits while the queue is full, unless `noWait`. Takes nothing
-  // more once the gate is closed. Failures (the messages before the one at fault are queued):
-  // "Couldn't locate queue flush object in message", "Cannot use custom values as a key".
-  Pushed push(Message* start, Message* end, bool noWait);
+  // Queues the messages, in order. Takes nothing more once the flag is true. Failures (the
+  // messages before the one at fault are queued): "Couldn't locate queue flush object in message",
+  // "Cannot use custom values as a key", and that of a queue that is full.
+  Pushed push(Message* start, Message* end, WhenFull whenFull);
   std::uint32_t queueSize() { return _queue.size(); }
 
   // --- Workers
@@ -56,16 +55,18 @@ class Dispatcher {
 
   // --- The end
 
-  // Keeps later batches out, and waits for those that are inside: what they queued is accepted.
-  void finishBatches();
+  // Has batches that wait for space look at the flag.
+  void wakeBatches() { _queue.wakeProducers(); }
   // Waits until the first `running` workers have finished what is queued, or until the host itself
   // shuts down. A host that cannot tell is taken to be running, so that nothing accepted is lost;
   // its failure is thrown at the end: "An error occurred while checking if host is shutting down".
   void drain(std::uint32_t running);
   // Not every worker will reach a barrier, so that nobody waits at one; or every one will again.
-  void abandonBarriers(bool abandoned) noexcept { _barriersAbandoned = abandoned; }
+  void abandonBarriers(bool abandoned) { _barriers.abandon(abandoned); }
   // From now on no worker takes anything.
   void terminate();
+  // Destroys what is queued; how many elements that were.
+  std::uint32_t drop() { return _queue.drop(); }
 
  private:
   using Element = std::variant<Message, std::shared_ptr<Sentinel>>;
@@ -91,13 +92,13 @@ class Dispatcher {
   bool shouldFlush(const map_t& metadata) const;
   // Tells the host; what that throws is logged.
   void reportBatchWaits(bool waiting) const noexcept;
-  bool pushMessage(Queue::LockPushBatch& batch, Message& message, const Wish& wish, bool noWait,
-                   Sentinels& sentinels);
+  bool pushMessage(Queue::LockPushBatch& batch, Message& message, const Wish& wish,
+                   WhenFull whenFull, Sentinels& sentinels);
   // Puts one barrier for the first `workers` workers on their lanes. Takes the flush object of
   // `metadata` (null: none) once the barrier is certain to be placed. Null where the batch is
   // abandoned, or there are no workers.
   std::shared_ptr<Sentinel> enqueueSentinel(Queue::LockPushBatch& batch, std::uint32_t workers,
-                                            bool noWait, map_t* metadata);
+                                            WhenFull whenFull, map_t* metadata);
   void waitAtBarrier(unsigned worker, Sentinel& sentinel) const;
   bool isHostShuttingDown() const;
 
@@ -105,9 +106,9 @@ class Dispatcher {
   const DataTConstants& _keys;
   const Logger& _logger;
   void* const _hostHandle;
+  const std::atomic<bool>& _shuttingDown;
+  Barriers _barriers;
   Queue _queue;
-  BatchGate _gate;
-  std::atomic<bool> _barriersAbandoned{false};
 };
 
 }  // namespace connectivity::plugins

@@ -3,20 +3,33 @@
 
 namespace connectivity::plugins {
 
-void Sentinel::arrive() {
+void Barriers::abandon(bool whether) {
   const orrery::AutoMutex lock(mutex);
-  if (remaining > 0 && --remaining == 0) complete.broadcast();
+  abandoned = whether;
+  changed.broadcast();
 }
 
+void Sentinel::arrive() {
+  const orrery::AutoMutex lock(_barriers.mutex);
+  if (remaining > 0 && --remaining == 0) _barriers.changed.broadcast();
+}
+
+// In both, the count decides, not the wake-up, which may be spurious or another barrier's.
+
 bool Sentinel::waitUntilComplete(std::int64_t milliseconds) {
-  const orrery::AutoMutex lock(mutex);
-  // The count decides, not the wake-up, which may be spurious.
-  if (remaining > 0) complete.timedWait(milliseconds);
+  const orrery::AutoMutex lock(_barriers.mutex);
+  if (remaining > 0) _barriers.changed.timedWait(milliseconds);
   return remaining == 0;
 }
 
+bool Sentinel::waitUntilOpen(std::int64_t milliseconds) {
+  const orrery::AutoMutex lock(_barriers.mutex);
+  if (remaining > 0 && !_barriers.abandoned) _barriers.changed.timedWait(milliseconds);
+  return remaining == 0 || _barriers.abandoned;
+}
+
 bool Sentinel::isComplete() {
-  const orrery::AutoMutex lock(mutex);
+  const orrery::AutoMutex lock(_barriers.mutex);
   return remaining == 0;
 }
 

@@ -96,7 +96,8 @@ inline void expectInStep(PluginUnderTest& plugin, const ScriptedServer& server,
   EXPECT_EQ(next.status(), 200) << next.reason();
   EXPECT_EQ(next.body(), "/next");
   EXPECT_EQ(server.connectionCount(), connections);
-  EXPECT_FALSE(plugin.log().contains(retryLine));
+  const auto retried = plugin.log().find(retryLine);
+  EXPECT_FALSE(retried) << retried->text;
 }
 
 // How many bytes follow a lead byte of UTF-8; more than there can be where it is none.

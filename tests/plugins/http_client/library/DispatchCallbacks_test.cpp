@@ -10,36 +10,13 @@
 #include <gtest/gtest.h>
 
 #include "orrery/SchedulableQueue.hpp"
+#include "tests/plugins/http_client/ActingLog.hpp"
 #include "tests/plugins/http_client/EchoServer.hpp"
 #include "tests/plugins/http_client/NumberedRequests.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 
 namespace test_support {
 namespace {
-
-// A log of the host that does something for each line.
-class ActingLog {
- public:
-  using Action = std::function<void(std::string_view text)>;
-  explicit ActingLog(Action action) : _action(std::move(action)) {
-    qor_set_log_services(&_services);
-  }
-  ~ActingLog() { qor_set_log_services(nullptr); }
-  ActingLog(const ActingLog&) = delete;
-  ActingLog& operator=(const ActingLog&) = delete;
-
- private:
-  static int level(void*, const char*) { return QOR_LOG_DEBUG; }
-  static void write(void* context, const char*, int, const char* text) {
-    static_cast<ActingLog*>(context)->_action(text);
-  }
-  const Action _action;
-  const qor_log_services_t _services{this, &level, &write};
-};
-
-bool holds(std::string_view text, std::string_view part) {
-  return text.find(part) != std::string_view::npos;
-}
 
 TEST(Dispatch, LetsTheHostSendABatchFromItsLogFunction) {
   EchoServer server;

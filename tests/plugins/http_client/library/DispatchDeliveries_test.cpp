@@ -148,19 +148,6 @@ TEST(Dispatch, BlocksSigpipeOnItsWorkers) {
   EXPECT_TRUE(blocked);
 }
 
-TEST(Dispatch, RefusesToBeConnectedFromADelivery) {
-  EchoServer server;
-  PluginUnderTest plugin{Config(server.port())};
-  plugin.onDelivery([&](const Answer&) {
-    const auto ignore = [](void*, qor_message_t*, qor_message_t*) { return 0; };
-    EXPECT_EQ(plugin.library().setNextTowardsHost(plugin.instance(), nullptr, ignore), 1);
-  });
-  plugin.request(get(1));
-  EXPECT_TRUE(
-      plugin.log().contains("Exception from setNextTowardsHost: HTTPClient cannot be "
-                            "connected from one of its own workers"));
-}
-
 bool isAsleep(pid_t thread) {
   std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
   std::string line;

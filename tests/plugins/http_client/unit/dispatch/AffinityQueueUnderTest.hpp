@@ -49,19 +49,21 @@ inline Value value(int number) { return std::make_unique<int>(number); }
 
 inline void push(Queue& queue, int number, std::optional<std::uint32_t> affinity = std::nullopt) {
   Queue::LockPushBatch batch(queue);
-  queue.enqueue(batch, value(number), false, affinity);
+  queue.enqueue(batch, value(number), WhenFull::Wait, affinity);
 }
 
 inline void pushMany(Queue& queue, int howMany,
                      std::optional<std::uint32_t> affinity = std::nullopt) {
   Queue::LockPushBatch batch(queue);
-  for (int i = 0; i < howMany; ++i) queue.enqueue(batch, value(i), true, affinity);
+  for (int i = 0; i < howMany; ++i) queue.enqueue(batch, value(i), WhenFull::Grow, affinity);
 }
 
 inline int take(Queue& queue, std::uint32_t consumer) { return *queue.dequeue(consumer); }
 
+// By a consumer that never sleeps, in front of a producer that would wait for more to be taken.
 inline void takeMany(Queue& queue, int howMany, std::uint32_t consumer = 0) {
   for (int i = 0; i < howMany; ++i) queue.dequeue(consumer);
+  queue.wakeProducers();
 }
 
 // Threads that are joined before the queue goes.

@@ -28,7 +28,7 @@ TEST(AffinityQueueWaits, WakesAWaitingConsumerWhenTheBatchCloses) {
   });
   {
     Queue::LockPushBatch batch(queue);
-    queue.enqueue(batch, value(5), false);
+    queue.enqueue(batch, value(5), WhenFull::Wait);
     EXPECT_FALSE(taken.isSet());
   }
   taken.wait();
@@ -139,7 +139,7 @@ TEST(AffinityQueueWaits, FinishesABatchLargerThanItsCapacityWhenAllConsumersSlee
   }
   {
     Queue::LockPushBatch batch(queue);
-    for (int i = 0; i < all; ++i) EXPECT_TRUE(queue.enqueue(batch, value(i), false));
+    for (int i = 0; i < all; ++i) EXPECT_TRUE(queue.enqueue(batch, value(i), WhenFull::Wait));
   }
   done.wait();
   queue.terminate();
@@ -183,7 +183,7 @@ TEST(AffinityQueueWaits, TellsABatchThatItWaitsAndNeverUnderItsMutex) {
       told.emplace_back(waiting, queue.size());  // would deadlock
       waits.set();
     });
-    EXPECT_TRUE(queue.enqueue(batch, value(1), false));
+    EXPECT_TRUE(queue.enqueue(batch, value(1), WhenFull::Wait));
     EXPECT_EQ(told.size(), 2U);  // before it is closed
   });
   waits.wait();
@@ -204,9 +204,9 @@ TEST(AffinityQueueWaits, TellsARowThatItWaits) {
       told.push_back(waiting);
       waits.set();
     });
-    EXPECT_TRUE(queue.enqueueOnEachLane(batch, 2, false, [] { return value(1); }));
+    EXPECT_TRUE(queue.enqueueOnEachLane(batch, 2, WhenFull::Wait, [] { return value(1); }));
     EXPECT_EQ(told, (std::vector<bool>{true, false}));
-    EXPECT_TRUE(queue.enqueue(batch, value(1), true));
+    EXPECT_TRUE(queue.enqueue(batch, value(1), WhenFull::Grow));
   });
   waits.wait();
   takeMany(queue, 1);
@@ -231,7 +231,7 @@ TEST(AffinityQueueWaits, TellsABatchThatItsWaitHasEndedAlsoByAnException) {
       push(queue, 1);
       pushMany(queue, capacity);
     });
-    EXPECT_THROW(queue.enqueue(batch, value(1), false), std::runtime_error);
+    EXPECT_THROW(queue.enqueue(batch, value(1), WhenFull::Wait), std::runtime_error);
   });
   threads.join();
   EXPECT_EQ(told, (std::vector<bool>{true, false}));
@@ -246,7 +246,7 @@ TEST(AffinityQueueWaits, LeavesAValueWithAProducerWhoseBatchIsAbandonedWhileItWa
   threads.run([&] {
     Value kept = value(42);
     Queue::LockPushBatch batch(queue, &abandoned);
-    EXPECT_FALSE(queue.enqueue(batch, std::move(kept), false));
+    EXPECT_FALSE(queue.enqueue(batch, std::move(kept), WhenFull::Wait));
     // NOLINTNEXTLINE(bugprone-use-after-move): that it was not moved is what is tested
     ASSERT_NE(kept, nullptr);
     EXPECT_EQ(*kept, 42);

@@ -110,7 +110,7 @@ TEST(AffinityQueue, PutsOneElementOfARowOnEachLaneBehindWhatIsThere) {
   {
     Queue::LockPushBatch batch(queue);
     int next = 10;
-    EXPECT_TRUE(queue.enqueueOnEachLane(batch, 3, false, [&] { return value(next++); }));
+    EXPECT_TRUE(queue.enqueueOnEachLane(batch, 3, WhenFull::Wait, [&] { return value(next++); }));
   }
   push(queue, 2, 1);
   EXPECT_EQ(queue.size(), 5U);
@@ -127,7 +127,7 @@ TEST(AffinityQueue, LinksNothingOfARowThatCouldNotBeMade) {
   int made = 0;
   {
     Queue::LockPushBatch batch(queue);
-    EXPECT_THROW(queue.enqueueOnEachLane(batch, 3, false,
+    EXPECT_THROW(queue.enqueueOnEachLane(batch, 3, WhenFull::Wait,
                                          [&] {
                                            if (++made == 3) throw std::bad_alloc();
                                            return value(made);
@@ -144,9 +144,9 @@ TEST(AffinityQueue, TakesNothingIntoAnAbandonedBatch) {
   Queue queue(2, logger);
   const std::atomic<bool> abandoned{true};
   Queue::LockPushBatch batch(queue, &abandoned);
-  EXPECT_FALSE(queue.enqueue(batch, value(1), true));
+  EXPECT_FALSE(queue.enqueue(batch, value(1), WhenFull::Grow));
   bool made = false;
-  EXPECT_FALSE(queue.enqueueOnEachLane(batch, 2, true, [&] {
+  EXPECT_FALSE(queue.enqueueOnEachLane(batch, 2, WhenFull::Grow, [&] {
     made = true;
     return value(1);
   }));
@@ -209,9 +209,9 @@ TEST(AffinityQueue, DestroysWhatIsLeftOutsideItsMutexLaneByLane) {
       });
     };
     ProbeQueue::LockPushBatch batch(queue);
-    queue.enqueue(batch, probe('c'), false, 2);
-    queue.enqueue(batch, probe('a'), false);
-    queue.enqueue(batch, probe('b'), false, 0);
+    queue.enqueue(batch, probe('c'), WhenFull::Wait, 2);
+    queue.enqueue(batch, probe('a'), WhenFull::Wait);
+    queue.enqueue(batch, probe('b'), WhenFull::Wait, 0);
   }
   EXPECT_EQ(destroyed, "abc");
 }
@@ -226,7 +226,7 @@ TEST(AffinityQueue, DestroysAnElementWhoseCallbackFailsOutsideItsMutex) {
                     destroyed = true;
                     EXPECT_EQ(queue.size(), 0U);
                   }),
-                  false);
+                  WhenFull::Wait);
   }
   EXPECT_THROW(queue.dequeue(0, std::function<void()>()), std::bad_function_call);
   EXPECT_TRUE(destroyed);
@@ -265,7 +265,7 @@ TEST(AffinityQueue, LosesAndDoublesNothingBetweenManyProducersAndConsumers) {
         for (int j = i; j < i + 8; ++j) {
           const int number = producer * each + j;
           // Even numbers are keyed by their producer, odd ones are anybody's.
-          queue.enqueue(batch, value(number), false,
+          queue.enqueue(batch, value(number), WhenFull::Wait,
                         j % 2 == 0 ? std::optional<std::uint32_t>(producer) : std::nullopt);
         }
       }

@@ -61,16 +61,23 @@ std::string keyFor(unsigned worker) {
 class DispatcherTest : public testing::Test {
  protected:
   void use(std::uint32_t workers) {
-    _dispatcher = std::make_unique<Dispatcher>(workers, keys, logger, host.handle());
+    _dispatcher = std::make_unique<Dispatcher>(workers, keys, logger, host.handle(), shuttingDown);
   }
   Dispatcher& dispatcher() { return *_dispatcher; }
 
-  Dispatcher::Pushed push(Batch& batch, bool noWait = false) {
-    return dispatcher().push(batch.data(), batch.data() + batch.size(), noWait);
+  Dispatcher::Pushed push(Batch& batch, WhenFull whenFull = WhenFull::Wait) {
+    return dispatcher().push(batch.data(), batch.data() + batch.size(), whenFull);
   }
   Dispatcher::Pushed push(Batch&& batch) { return push(batch); }
   long long take(unsigned worker) {
     return Answer(dispatcher().getNextMessageRequest(worker)).id();
+  }
+
+  // Up to its capacity.
+  void fill() {
+    Batch full;
+    for (int id = 0; id < 2048; ++id) full.push_back(get(id).message());
+    push(full);
   }
 
   // Takes the next message and ends it all, or finds that another has.
@@ -92,6 +99,7 @@ class DispatcherTest : public testing::Test {
 
   const LogDouble log{};
   HostDouble host;
+  std::atomic<bool> shuttingDown{false};
   std::atomic<long long> lastTaken{0};
   const DataTConstants keys{};
   const Logger logger{"connectivity.test"};
@@ -250,9 +258,9 @@ TEST_F(DispatcherTest, PassesABarrierAtOnceWhereTheHostIsShuttingDown) {
 
 // --- The end ------------------------------------------------------------------------------------
 
-TEST_F(DispatcherTest, TakesNothingOnceItsBatchesAreFinished) {
+TEST_F(DispatcherTest, TakesNothingOnceItIsShuttingDown) {
   use(2);
-  dispatcher().finishBatches();
+  shuttingDown = true;
   EXPECT_TRUE(dispatcher().isShuttingDown());
   Batch batch = batchOf(get(1), get(2).flush());
   const auto pushed = push(batch);
@@ -262,19 +270,61 @@ TEST_F(DispatcherTest, TakesNothingOnceItsBatchesAreFinished) {
   EXPECT_EQ(Answer(std::move(batch[0])).id(), 1);
 }
 
-TEST_F(DispatcherTest, FinishesBatchesThatAreInside) {
+TEST_F(DispatcherTest, GivesABatchThatWaitsUpWhenItShutsDown) {
   use(1);
-  auto pass = std::make_unique<BatchGate::Pass>(dispatcher().gate());
-  ASSERT_TRUE(*pass);
-  std::atomic<bool> left{false};
-  std::thread ending([&] {
-    dispatcher().finishBatches();
-    EXPECT_TRUE(left);
+  fill();
+  std::thread sender([&] {
+    Batch batch = batchOf(get(2048));
+    push(batch);
+    EXPECT_EQ(Answer(std::move(batch[0])).id(), 2048) << "it was taken";
   });
-  while (!dispatcher().isShuttingDown()) std::this_thread::yield();
-  left = true;
-  pass.reset();
-  ending.join();
+  host.waitForBatchWaits(1);
+  shuttingDown = true;
+  dispatcher().wakeBatches();
+  sender.join();
+  EXPECT_EQ(dispatcher().queueSize(), 2048U);
+}
+
+TEST_F(DispatcherTest, RefusesWhatItWouldHaveToWaitForWhereNobodyTakesAnything) {
+  use(1);
+  Batch most;
+  for (int id = 0; id < 2047; ++id) most.push_back(get(id).message());
+  EXPECT_EQ(textOf(push(most, WhenFull::Refuse).failure), "none");
+  Batch two = batchOf(get(2047), get(2048));
+  try {
+    push(two, WhenFull::Refuse);
+    FAIL();
+  } catch (const std::runtime_error& failure) {
+    EXPECT_STREQ(failure.what(), "The queue is full, and nobody takes anything yet");
+  }
+  EXPECT_TRUE(two[0].metadata.empty()) << "there was room for one";
+  EXPECT_EQ(Answer(std::move(two[1])).id(), 2048) << "it was taken";
+  EXPECT_TRUE(host.batchWaits().empty());
+  EXPECT_FALSE(log.contains("full, must wait"));
+}
+
+TEST_F(DispatcherTest, DropsWhatIsQueuedAndSaysHowMuch) {
+  use(2);
+  auto released = std::make_shared<Event>("the flush object to be freed");
+  Batch batch = batchOf(get(1));
+  batch.push_back(flushMessage(released));
+  push(batch);
+  EXPECT_EQ(dispatcher().drop(), 3U) << "a message, and a barrier for two";
+  EXPECT_TRUE(released->isSet());
+  EXPECT_EQ(dispatcher().queueSize(), 0U);
+  EXPECT_EQ(dispatcher().drop(), 0U);
+}
+
+// The wait would go on to its own end, when the host is asked again.
+TEST_F(DispatcherTest, WakesAWorkerAtABarrierWhenBarriersAreAbandoned) {
+  use(2);
+  push(batchOf(get(1).flush()));
+  std::thread worker([&] { takeOne(0); });
+  waitUntilAWorkerStandsAtABarrier();
+  dispatcher().abandonBarriers(true);
+  worker.join();
+  EXPECT_EQ(lastTaken, 1);
+  EXPECT_LE(host.shuttingDownCalls(), 1);
 }
 
 TEST_F(DispatcherTest, DrainsUntilItsWorkersHaveFinishedWhatIsQueued) {
@@ -287,7 +337,6 @@ TEST_F(DispatcherTest, DrainsUntilItsWorkersHaveFinishedWhatIsQueued) {
     } catch (const QueueTerminated&) {
     }
   });
-  dispatcher().finishBatches();
   dispatcher().drain(1);
   EXPECT_EQ(dispatcher().queueSize(), 0U);
   dispatcher().terminate();
@@ -330,13 +379,11 @@ TEST_F(DispatcherTest, GivesNothingOnceItIsTerminated) {
 
 TEST_F(DispatcherTest, TellsTheHostThatABatchWaitsAndWaitsNoMore) {
   use(1);
-  Batch full;
-  for (int id = 0; id < 2048; ++id) full.push_back(get(id).message());
-  push(full);
+  fill();
   EXPECT_TRUE(host.batchWaits().empty());
   std::thread sender([&] { push(batchOf(get(2048))); });
   host.waitForBatchWaits(1);
-  take(0);
+  for (int id = 0; id < 32; ++id) take(0);
   sender.join();
   EXPECT_EQ(host.batchWaits(), (std::vector<bool>{true, false}));
 }
@@ -345,7 +392,7 @@ TEST_F(DispatcherTest, NeverWaitsWhereItIsToldNotTo) {
   use(1);
   Batch many;
   for (int id = 0; id < 2050; ++id) many.push_back(get(id).message());
-  push(many, true);
+  push(many, WhenFull::Grow);
   EXPECT_EQ(dispatcher().queueSize(), 2050U);
   EXPECT_TRUE(host.batchWaits().empty());
 }

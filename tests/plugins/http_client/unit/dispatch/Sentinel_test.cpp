@@ -16,7 +16,8 @@ namespace {
 using test_support::Event;
 
 TEST(Sentinel, IsCompleteOnceEveryWorkerHasArrived) {
-  Sentinel sentinel(2, data_t());
+  Barriers barriers;
+  Sentinel sentinel(barriers, 2, data_t());
   EXPECT_FALSE(sentinel.isComplete());
   sentinel.arrive();
   EXPECT_FALSE(sentinel.waitUntilComplete(1));
@@ -26,14 +27,16 @@ TEST(Sentinel, IsCompleteOnceEveryWorkerHasArrived) {
 }
 
 TEST(Sentinel, IsCompleteAtOnceWithoutWorkers) {
-  Sentinel sentinel(0, data_t());
+  Barriers barriers;
+  Sentinel sentinel(barriers, 0, data_t());
   EXPECT_TRUE(sentinel.waitUntilComplete(0));
 }
 
 TEST(Sentinel, WakesThoseWhoWaitWhenTheLastWorkerArrives) {
-  Sentinel sentinel(1, data_t());
+  Barriers barriers;
+  Sentinel sentinel(barriers, 1, data_t());
   std::thread waiting([&] {
-    while (!sentinel.waitUntilComplete(60'000)) {
+    while (!sentinel.waitUntilComplete(3'600'000)) {
     }
   });
   sentinel.arrive();
@@ -41,11 +44,42 @@ TEST(Sentinel, WakesThoseWhoWaitWhenTheLastWorkerArrives) {
   EXPECT_TRUE(sentinel.isComplete());
 }
 
+TEST(Sentinel, IsOpenToWorkersOnceBarriersAreAbandonedAndNotComplete) {
+  Barriers barriers;
+  Sentinel sentinel(barriers, 2, data_t());
+  sentinel.arrive();
+  EXPECT_FALSE(sentinel.waitUntilOpen(1));
+  barriers.abandon(true);
+  EXPECT_TRUE(sentinel.waitUntilOpen(60'000));
+  EXPECT_FALSE(sentinel.waitUntilComplete(1));
+  barriers.abandon(false);
+  EXPECT_FALSE(sentinel.waitUntilOpen(1));
+  sentinel.arrive();
+  EXPECT_TRUE(sentinel.waitUntilOpen(0));
+}
+
+// The wait has no end of its own that a test would live to see.
+TEST(Sentinel, WakesWorkersWhenBarriersAreAbandoned) {
+  Barriers barriers;
+  Sentinel sentinel(barriers, 1, data_t());
+  Event waits("the worker to be about to wait");
+  std::thread worker([&] {
+    waits.set();
+    while (!sentinel.waitUntilOpen(3'600'000)) {
+    }
+  });
+  waits.wait();
+  barriers.abandon(true);
+  worker.join();
+  EXPECT_FALSE(sentinel.isComplete());
+}
+
 TEST(Sentinel, FreesTheFlushObjectWithItsLastHolder) {
+  Barriers barriers;
   auto released = std::make_shared<Event>("the flush object to be freed");
   Message message = test_support::flushMessage(released);
-  auto worker =
-      std::make_shared<Sentinel>(1, std::move(*message.metadata.findText("qor.controlObject")));
+  auto worker = std::make_shared<Sentinel>(
+      barriers, 1, std::move(*message.metadata.findText("qor.controlObject")));
   auto otherWorker = worker;
   worker.reset();
   EXPECT_FALSE(released->isSet());

@@ -77,7 +77,7 @@ struct Place {
 
   void send(const Request& request) {
     Message message = request.message();
-    dispatcher.push(&message, &message + 1, false);
+    dispatcher.push(&message, &message + 1, WhenFull::Wait);
   }
   std::string item(const std::string& name) const {
     return status.text("name.chain." + name).value_or("(absent)");
@@ -88,7 +88,8 @@ struct Place {
   StatusDouble status;
   StatusReporter reporter{status.handle()};
   Owner owner;
-  Dispatcher dispatcher{1, parts.keys, parts.logger, host.handle()};
+  std::atomic<bool> shuttingDown{false};
+  Dispatcher dispatcher{1, parts.keys, parts.logger, host.handle(), shuttingDown};
   Metrics metrics{reporter, "name.chain", 1};
   TlsContexts contexts{TlsSettings{parts.options.tls.certificateAuthorityFile}};
   Resolver resolver;

@@ -2,8 +2,6 @@
 //
 // Where a test needs a thread that waits, it looks until the queue says that one does: from then on
 // only a wake-up lets that thread go on, and a lost one is a test that does not end.
-#include <atomic>
-#include <chrono>
 #include <numeric>
 #include <string>
 #include <thread>
@@ -12,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "host/chain/BoundedQueue.hpp"
-#include "tests/support/Event.hpp"
+#include "tests/host/chain/Waiting.hpp"
 
 namespace host {
 namespace {
@@ -31,20 +29,10 @@ class Queue : public BoundedQueue<int> {
     return numbers;
   }
   void untilWaiting(std::size_t putters) const {
-    until([&] { return waiting().putters == putters; });
+    host_tests::waitUntil([&] { return waiting().putters == putters; }, "threads that put");
   }
   void untilTakerWaits() const {
-    until([&] { return waiting().taker; });
-  }
-
- private:
-  template <typename Condition>
-  static void until(const Condition& holds) {
-    const auto end = std::chrono::steady_clock::now() + test_support::patience;
-    while (!holds()) {
-      if (std::chrono::steady_clock::now() > end) throw test_support::TimedOut("a thread to wait");
-      std::this_thread::yield();
-    }
+    host_tests::waitUntil([&] { return waiting().taker; }, "a thread that takes");
   }
 };
 

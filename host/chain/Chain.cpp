@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/chain/FlushMessage.hpp"
+#include "host/messages/OwnedTexts.hpp"
 
 namespace host {
 
@@ -84,6 +85,8 @@ ChainStatistics Chain::statistics() const {
 
 void Chain::receive(Message&& response) {
   try {
+    // It is kept for longer than this call.
+    ownTexts(response);
     _answers.answer(std::move(response));
   } catch (const std::exception& error) {
     _log.fail(error.what());

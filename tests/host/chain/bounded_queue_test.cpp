@@ -181,7 +181,7 @@ TEST(BoundedQueue, WhatIsRefusedStaysWithTheCaller) {
 // The bounds are so narrow that somebody waits for each item; a wake-up that goes astray stops all.
 TEST(BoundedQueue, LosesNoItemAndNoWakeUpBetweenSeveralThatPutAndOneThatTakes) {
   constexpr int putters = 3;
-  constexpr int each = 20000;
+  constexpr int each = 5000;
   for (const std::size_t bound : {1U, 2U, 5U}) {
     Queue queue({bound, 1000000});
     std::vector<std::thread> threads;

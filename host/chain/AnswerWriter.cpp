@@ -1,6 +1,7 @@
 #include "host/chain/AnswerWriter.hpp"
 
 #include <exception>
+#include <thread>
 #include <utility>
 
 namespace host {
@@ -57,7 +58,9 @@ void AnswerWriter::run() noexcept {
   std::vector<Item> items;
   while (_queue.take(items, takenAtOnce)) {
     for (const Item& item : items) render(item);
-    if (_queue.isEmpty()) write();
+    if (!_queue.isEmpty()) continue;
+    write();
+    if (_outstanding.count() > 0) std::this_thread::sleep_for(restBetweenWrites);
   }
 }
 

@@ -5,7 +5,9 @@
 // output is slower for longer than that, deliveries wait.
 //
 // What was rendered is written as soon as nothing more waits to be rendered, and else in pieces of
-// `writeSize`. An answer counts when its line has been written.
+// `writeSize`. Where more answers are outstanding then, the thread rests for `restBetweenWrites`,
+// so that it takes several at a time and costs each delivery no wake-up. An answer counts when its
+// line has been written.
 #pragma once
 
 #include <atomic>
@@ -32,6 +34,7 @@ namespace host {
 class AnswerWriter {
  public:
   static constexpr std::size_t writeSize = std::size_t{64} * 1024;
+  static constexpr std::chrono::milliseconds restBetweenWrites{5};
   // Called once, on the writing thread, after the output's failure has been told.
   using OnFailure = std::function<void()>;
 

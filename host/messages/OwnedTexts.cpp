@@ -18,6 +18,7 @@ namespace {
 class Search {
  public:
   explicit Search(const Message& message) {
+    _inside.reserve(16);
     look(message.payload);
     look(message.metadata);
   }

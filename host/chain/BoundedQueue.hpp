@@ -35,6 +35,10 @@ struct QueueWaiting {
   bool taker = false;
 };
 
+// Whether an item wakes a taker that waits, or leaves that to wakeTaker(), so that items which come
+// together are taken together.
+enum class Wake { Now, Later };
+
 // Any thread may call anything, but only one take().
 template <typename Item>
 class BoundedQueue {
@@ -45,7 +49,7 @@ class BoundedQueue {
 
   // Appends the item, and waits for room. False, with the item left as it is, after close(), and
   // where there is no room after abandon().
-  bool put(Item&& item, std::uint64_t bytes) ORRERY_EXCLUDES(_mutex) {
+  bool put(Item&& item, std::uint64_t bytes, Wake wake = Wake::Now) ORRERY_EXCLUDES(_mutex) {
     bool wakesTaker = false;
     {
       const orrery::AutoMutex lock(_mutex);
@@ -53,10 +57,16 @@ class BoundedQueue {
       if (_closed || !hasRoom(bytes)) return false;
       _entries.push_back({std::move(item), bytes});
       _bytes += bytes;
-      wakesTaker = _waiting.taker;
+      wakesTaker = _waiting.taker && wake == Wake::Now;
     }
     if (wakesTaker) _filled.broadcast();
     return true;
+  }
+
+  // Wakes the taker where it waits beside items.
+  void wakeTaker() ORRERY_EXCLUDES(_mutex) {
+    const orrery::AutoMutex lock(_mutex);
+    wakeTakerBesideItems();
   }
 
   // Ends what was taken before, waits for an item, and moves what there is to `taken`, at most
@@ -123,12 +133,17 @@ class BoundedQueue {
   void waitForRoom(std::uint64_t bytes) ORRERY_REQUIRES(_mutex) {
     const std::uint64_t ticket = _tickets++;
     while (!_closed && !_abandoned && (ticket != _turn || !hasRoom(bytes))) {
+      wakeTakerBesideItems();
       ++_waiting.putters;
       _room.wait();
       --_waiting.putters;
     }
     ++_turn;
     if (_waiting.putters > 0) _room.broadcast();
+  }
+
+  void wakeTakerBesideItems() ORRERY_REQUIRES(_mutex) {
+    if (_waiting.taker && !_entries.empty()) _filled.broadcast();
   }
 
   void endTaken() ORRERY_REQUIRES(_mutex) {

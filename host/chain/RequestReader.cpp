@@ -11,10 +11,21 @@ namespace host {
 
 using connectivity::Message;
 
+namespace {
+
+// Lines that come together are handed on together, up to so many.
+constexpr std::size_t handedOnAtOnce = 128;
+
+}  // namespace
+
 void RequestReader::run() noexcept {
   try {
     while (_input->wait()) {
-      while (const auto line = _input->next()) handle(*line);
+      while (const auto line = _input->next()) {
+        handle(*line);
+        if (line->number % handedOnAtOnce == 0) _queue.wakeTaker();
+      }
+      _queue.wakeTaker();
     }
   } catch (const std::exception& error) {
     _log.fail(error.what());
@@ -43,7 +54,7 @@ void RequestReader::queue(MessageReader::Line&& content, const InputLines::Line&
   const std::uint64_t bytes = isRequest ? payloadBytes(request->payload) : 0;
   // The line's length stands for what a payload of many small values takes.
   const std::uint64_t room = std::max<std::uint64_t>(bytes, line.text.size());
-  if (!_queue.put({line.number, std::move(content), bytes}, room) && isRequest) {
+  if (!_queue.put({line.number, std::move(content), bytes}, room, Wake::Later) && isRequest) {
     _dropped.fetch_add(1);
   }
 }

@@ -2,10 +2,11 @@
 //
 // Configuration: "fail": "create" or "start" makes that entry point fail. Metadata of a message:
 // "hold": true makes the worker wait there until the plug-in is shut down, and "stick": true for
-// ever; "refuse": true makes the batch fail at that message; "tell": true writes "told" to the log
-// when the message has been given back; "borrow": true gives it back with a text as its payload
-// that lasts no longer than the call. At most 64 messages are queued, with "tellWaits": true 512;
-// then a batch waits, and with "tellWaits" the host is told, and at the end
+// ever; "announce": true writes "taken" to the log when the message is queued; "refuse": true makes
+// the batch fail at that message; "tell": true writes "told" to the log when the message has been
+// given back; "borrow": true gives it back with a text as its payload that lasts no longer than the
+// call. At most 64 messages are queued, with "tellWaits": true 512; then a batch waits, and with
+// "tellWaits" the host is told, and at the end
 // "<n> of <m> batches waited" stands in the log.
 #include <chrono>
 #include <condition_variable>
@@ -83,7 +84,9 @@ class Echo {
         waitForSpace(lock);
       }
       if (_shuttingDown) return 0;
+      const bool announced = isTrue(message->metadata, "announce");
       _queue.push_back(std::exchange(*message, {}));
+      if (announced) qor_log_at("echo", QOR_LOG_INFO, "taken");
       _changed.notify_all();
     }
     return 0;

@@ -123,6 +123,33 @@ TEST(BoundedQueue, AnItemWakesATakerThatWaits) {
   taker.join();
 }
 
+TEST(BoundedQueue, ItemsThatWakeNobodyAreTakenTogetherWhenTheTakerIsWoken) {
+  Queue queue({8, 1000});
+  queue.wakeTaker();
+  std::thread taker([&] { EXPECT_EQ(queue.takeUpTo(8), (Numbers{1, 2, 3})); });
+  queue.untilTakerWaits();
+  queue.put(1, 1, Wake::Later);
+  queue.put(2, 1, Wake::Later);
+  queue.put(3, 1, Wake::Later);
+  queue.wakeTaker();
+  taker.join();
+}
+
+TEST(BoundedQueue, WhoHasToWaitForRoomWakesTheTakerFirst) {
+  Queue queue({2, 1000});
+  Numbers all;
+  std::thread taker([&] {
+    Numbers taken;
+    while (all.size() < 3 && queue.take(taken, 8))
+      all.insert(all.end(), taken.begin(), taken.end());
+  });
+  queue.untilTakerWaits();
+  for (const int number : {1, 2, 3}) queue.put(int{number}, 1, Wake::Later);
+  queue.wakeTaker();
+  taker.join();
+  EXPECT_EQ(all, (Numbers{1, 2, 3}));
+}
+
 TEST(BoundedQueue, ClosedGivesWhatItHoldsAndThenEnds) {
   Queue queue({8, 1000});
   queue.add(1);

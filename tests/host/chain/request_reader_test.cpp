@@ -26,9 +26,12 @@ class RequestReaderTest : public testing::Test {
     _thread.join();
   }
 
-  void start(const std::string& input, QueueBounds bounds = {bound, 1000}) {
+  void open(const std::string& input, QueueBounds bounds = {bound, 1000}) {
     reader = std::make_unique<RequestReader>(Codec::Text, true, answers, log, bounds);
     reader->open(directory.write("in", input));
+  }
+  void start(const std::string& input, QueueBounds bounds = {bound, 1000}) {
+    open(input, bounds);
     _thread = std::thread([this] { reader->run(); });
   }
   void untilItWaits() const {
@@ -75,6 +78,16 @@ TEST_F(RequestReaderTest, ReadsAheadNoMoreBytesThanTheBound) {
   ASSERT_EQ(lines.size(), 1U);
   EXPECT_EQ(lines[0].payloadBytes, 600U);
   EXPECT_EQ(takeAll(), (Numbers{2}));
+}
+
+TEST_F(RequestReaderTest, HandsOnTogetherWhatComesTogether) {
+  open("{}\n{}\n{}\n");
+  std::vector<ParsedLine> lines;
+  std::thread taker([&] { EXPECT_TRUE(reader->take(lines, 9)); });
+  waitUntil([this] { return reader->waiting().taker; }, "the taker to wait");
+  reader->run();
+  taker.join();
+  EXPECT_EQ(lines.size(), 3U);
 }
 
 TEST_F(RequestReaderTest, HandsOnWhatItHasReadAfterStop) {

@@ -18,6 +18,7 @@ using testing::Not;
 const std::string held = "{\"metadata\":{\"hold\":true}}\n";
 const std::string plain = "{\"metadata\":{\"requestId\":\"x\"}}\n";
 const std::string plainAnswer = "{\"metadata\":{\"requestId\":\"x\"},\"payload\":null}\n";
+const std::string announced = "{\"metadata\":{\"announce\":true}}\n";
 const std::string flush = "{\"control\":\"flush\"}\n";
 
 class RunSignals : public testing::TestWithParam<int> {};
@@ -47,8 +48,9 @@ TEST_P(RunSignals, OneEndsAWaitForTheFirstWriterOfAPipe) {
 TEST_P(RunSignals, TheSecondDropsWhatIsQueuedAndCountsItInTheLastLogLine) {
   const EchoChainFile chain;
   HostProgram program({"run", chain.path()});
-  program.write(plain + held + plain + plain + flush);
+  program.write(plain + held + plain + announced + flush);
   program.waitForOutput(plainAnswer);
+  program.waitForErrors("[echo] taken");
   program.signal(GetParam());
   program.waitForErrors("Stopping: reading no further");
   EXPECT_TRUE(program.running());

@@ -1,5 +1,6 @@
 // orrery-host run: what SIGINT and SIGTERM do.
 #include <csignal>
+#include <cstdio>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -85,6 +86,29 @@ TEST(RunTwoSignals, EndAReaderThatWaitsForRoomInTheTransportsQueue) {
   program.signal(SIGINT);
   EXPECT_EQ(program.wait(), 0);
   EXPECT_THAT(lastLine(program.errors()), HasSubstr("Done: sent "));
+}
+
+// Less than what is read at once: of the lines behind the one that holds the worker some stand in
+// the transport's queue, some in front of it, and some are not parsed yet.
+TEST(RunTwoSignals, DropNoLineThatWasReadWithoutCountingIt) {
+  const EchoChainFile chain;
+  constexpr int howMany = 5000;
+  std::string input = plain + held;
+  for (int i = 2; i < howMany; ++i) input += "{}\n";
+  HostProgram program({"run", chain.path(), "--input", chain.write("in", input)});
+  program.waitForOutput(plainAnswer);
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping: reading no further");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  const std::string line = lastLine(program.errors());
+  int answered = 0;
+  int dropped = 0;
+  ASSERT_EQ(std::sscanf(line.c_str() + line.find("answered"), "answered %d, failed %*d, dropped %d",
+                        &answered, &dropped),
+            2)
+      << line;
+  EXPECT_EQ(answered + dropped, howMany) << line;
 }
 
 TEST(RunTwoSignals, EndADeliveryThatWaitsForTheReaderOfTheOutput) {

@@ -121,6 +121,19 @@ TEST_F(AnswersToAFile, CountTheirLatencyUpToTheDeliveryWheneverTheyAreWritten) {
   EXPECT_LE(writer.statistics().latencies.max(), delivered - begin);
 }
 
+// As where a disk stands still.
+TEST_F(AnswersToAFile, EndTheWaitOfADeliveryWhenAbandonedAlsoWhileNothingIsWritten) {
+  std::thread deliveries([this] {
+    for (int i = 1; i <= 9; ++i) writer.answer(answerWith(i));
+  });
+  untilADeliveryWaits();
+  writer.abandon();
+  deliveries.join();
+  start();
+  finish();
+  EXPECT_EQ(writer.answered(), 8U) << "the one without room is lost";
+}
+
 // A pipe that the test reads.
 class AnswersToAPipe : public AnswerWriterTest {
  protected:

@@ -16,6 +16,7 @@
 #include "host/chain/ChainLog.hpp"
 #include "host/chain/InputLines.hpp"
 #include "host/messages/MessageReader.hpp"
+#include "host/messages/PayloadCodec.hpp"
 
 namespace host {
 

@@ -1,13 +1,13 @@
 // A plug-in for the host's tests, named Echo: one worker gives every message back as it came.
 //
 // Configuration: "fail": "create" or "start" makes that entry point fail. Metadata of a message:
-// "hold": true makes the worker wait there until the plug-in is shut down, and "stick": true for
-// ever; "announce": true writes "taken" to the log when the message is queued; "refuse": true makes
-// the batch fail at that message; "tell": true writes "told" to the log when the message has been
-// given back; "borrow": true gives it back with a text as its payload that lasts no longer than the
-// call. At most 64 messages are queued, with "tellWaits": true 512; then a batch waits, and with
-// "tellWaits" the host is told, and at the end
-// "<n> of <m> batches waited" stands in the log.
+// "hold": true makes the worker wait there until the plug-in is shut down, with "holding" in the
+// log, and "stick": true for ever; "announce": true writes "taken" to the log when the message is
+// queued; "refuse": true makes the batch fail at that message; "tell": true writes "told" to the
+// log when the message has been given back; "borrow": true gives it back with a text as its payload
+// that lasts no longer than the call. At most 64 messages are queued, with "tellWaits": true 512;
+// then a batch waits, and with "tellWaits" the host is told, and at the end "<n> of <m> batches
+// waited" stands in the log.
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -141,6 +141,7 @@ class Echo {
     while (next(message)) {
       if (isTrue(message.metadata, "stick")) std::this_thread::sleep_for(std::chrono::hours(24));
       if (isTrue(message.metadata, "hold")) {
+        qor_log_at("echo", QOR_LOG_INFO, "holding");
         std::unique_lock<std::mutex> lock(_mutex);
         _changed.wait(lock, [this] { return _shuttingDown; });
       }

@@ -51,6 +51,7 @@ TEST_P(RunSignals, TheSecondDropsWhatIsQueuedAndCountsItInTheLastLogLine) {
   HostProgram program({"run", chain.path()});
   program.write(plain + held + plain + announced + flush);
   program.waitForOutput(plainAnswer);
+  program.waitForErrors("[echo] holding");
   program.waitForErrors("[echo] taken");
   program.signal(GetParam());
   program.waitForErrors("Stopping: reading no further");

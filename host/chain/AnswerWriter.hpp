@@ -34,7 +34,7 @@ namespace host {
 class AnswerWriter {
  public:
   static constexpr std::size_t writeSize = std::size_t{64} * 1024;
-  static constexpr std::chrono::milliseconds restBetweenWrites{5};
+  static constexpr std::chrono::milliseconds restBetweenWrites{1};
   // Called once, on the writing thread, after the output's failure has been told.
   using OnFailure = std::function<void()>;
 

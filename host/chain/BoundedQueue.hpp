@@ -26,7 +26,7 @@ namespace host {
 // Of what is on its way at one time, in front of a transport or behind it.
 struct QueueBounds {
   std::size_t items = 1024;
-  std::uint64_t bytes = std::uint64_t{64} * 1024 * 1024;
+  std::uint64_t bytes = std::size_t{1} << 26U;  // 64 MiB
 };
 
 // Who waits at the moment.

@@ -54,6 +54,8 @@ const std::map<std::string, Constant>& constants() {
       {"servers that redirects led to", {transport + "wire/TlsContexts.cpp", "maxContexts"}},
       {"lists and maps in each other, in a line", {"host/messages/JsonReader.cpp", "maxDepth"}},
       {"the same in a chain file", {"host/chain/YamlValues.cpp", "maxDepth"}},
+      {"requests that are read ahead", {"host/chain/BoundedQueue.hpp", "items"}},
+      {"the bytes of either", {"host/chain/BoundedQueue.hpp", "bytes"}},
   };
   return all;
 }

@@ -129,6 +129,11 @@ TEST(BoundedQueue, ItemsThatWakeNobodyAreTakenTogetherWhenTheTakerIsWoken) {
   std::thread taker([&] { EXPECT_EQ(queue.takeUpTo(8), (Numbers{1, 2, 3})); });
   queue.untilTakerWaits();
   queue.put(1, 1, Wake::Later);
+  // Turns enough for a taker that has been woken after all.
+  for (int turn = 0; turn < 2000; ++turn) {
+    EXPECT_TRUE(queue.waiting().taker);
+    std::this_thread::yield();
+  }
   queue.put(2, 1, Wake::Later);
   queue.put(3, 1, Wake::Later);
   queue.wakeTaker();

@@ -49,14 +49,14 @@ InputLines::~InputLines() {
 bool InputLines::isTerminal() const noexcept { return ::isatty(_descriptor) != 0; }
 
 bool InputLines::wait() {
-  while (!stopped()) {
+  for (;;) {
     if (std::memchr(_buffer.data() + _scanned, '\n', _end - _scanned) != nullptr) return true;
     _scanned = _end;
     if (_atEnd) return _begin < _end || _discarding;
+    if (stopped()) return false;
     if (_discarding || _end - _begin > maxLineLength) discardOverlong();
     if (!readMore()) return false;
   }
-  return false;
 }
 
 std::optional<InputLines::Line> InputLines::next() {

@@ -38,14 +38,15 @@ class InputLines {
   InputLines(const InputLines&) = delete;
   InputLines& operator=(const InputLines&) = delete;
 
-  // Waits until there is a line to take; false at the end of the input and after stop(). The text
-  // after the last line feed is a line. Read errors are std::runtime_error "cannot read <path>:
+  // Waits until there is a line to take; false at the end of the input, and after stop() where no
+  // whole line is left of what was read. The text after the last line feed is a line. Read errors
+  // are std::runtime_error "cannot read <path>:
   // ...".
   bool wait();
   // The next line that has arrived, or nothing.
   std::optional<Line> next();
 
-  // Ends reading: what was not taken is left. From any thread.
+  // Reads no further: what was read up to the last line feed can still be taken. From any thread.
   void stop() noexcept { _stop.set(); }
   bool stopped() const noexcept { return _stop.isSet(); }
 

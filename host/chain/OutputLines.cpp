@@ -33,60 +33,21 @@ bool isRegularFile(int descriptor) {
 
 }  // namespace
 
-OutputLines::OutputLines(const std::string& path, OnFailure onFailure,
-                         BeforeTerminal beforeTerminal)
+OutputLines::OutputLines(const std::string& path, BeforeTerminal beforeTerminal)
     : _path(path == "-" ? "standard output" : path),
-      _onFailure(std::move(onFailure)),
       _beforeTerminal(std::move(beforeTerminal)),
       _descriptor(openForWriting(path)),
       _isTerminal(::isatty(_descriptor) != 0),
-      _mayBlock(!isRegularFile(_descriptor)),
-      _flusher([this] { flushRegularly(); }) {}
+      _mayBlock(!isRegularFile(_descriptor)) {}
 
 OutputLines::~OutputLines() {
-  close();
   if (_descriptor != STDOUT_FILENO) ::close(_descriptor);
 }
 
-void OutputLines::append(std::string_view lines, bool flushNow) {
-  const orrery::AutoMutex lock(_mutex);
-  if (_failed) return;
-  const bool wasEmpty = _buffer.empty();
-  _buffer += lines;
-  if (flushNow || _buffer.size() >= bufferSize) {
-    writeBuffer();
-  } else if (wasEmpty) {
-    _changed.broadcast();
-  }
-}
-
-void OutputLines::close() {
-  {
-    const orrery::AutoMutex lock(_mutex);
-    if (_closing) return;
-    _closing = true;
-    writeBuffer();
-    _changed.broadcast();
-  }
-  _flusher.join();
-}
-
-void OutputLines::flushRegularly() {
-  const orrery::AutoMutex lock(_mutex);
-  while (!_closing) {
-    if (_buffer.empty()) {
-      _changed.wait();
-    } else {
-      _changed.timedWait(flushIntervalMilliseconds);
-      writeBuffer();
-    }
-  }
-}
-
-void OutputLines::writeBuffer() {
-  std::string_view rest = _buffer;
+std::size_t OutputLines::write(std::string_view lines) {
+  std::string_view rest = lines;
   if (_isTerminal && !rest.empty()) _beforeTerminal();
-  while (!rest.empty() && !_failed) {
+  while (!rest.empty() && _failure.empty()) {
     if (_mayBlock && !waitUntilWritable()) break;
     // A pipe that is writable takes PIPE_BUF bytes without waiting.
     const std::size_t length =
@@ -95,11 +56,10 @@ void OutputLines::writeBuffer() {
     if (written > 0) {
       rest.remove_prefix(static_cast<std::size_t>(written));
     } else if (errno != EINTR && errno != EAGAIN) {
-      fail(std::strerror(errno));
+      _failure = "cannot write " + _path + ": " + std::strerror(errno);
     }
   }
-  _buffer.clear();
-  if (_buffer.capacity() > 16 * bufferSize) _buffer.shrink_to_fit();
+  return lines.size() - rest.size();
 }
 
 // False where the reader does not take anything and waiting for it has been given up.
@@ -108,11 +68,6 @@ bool OutputLines::waitUntilWritable() const {
   while (::poll(waiting.data(), waiting.size(), -1) < 0 && errno == EINTR) {
   }
   return waiting[0].revents != 0;
-}
-
-void OutputLines::fail(const std::string& reason) {
-  _failed = true;
-  _onFailure("cannot write " + _path + ": " + reason);
 }
 
 }  // namespace host

@@ -10,13 +10,13 @@ void Outstanding::add(std::uint64_t count, std::span<const std::uint64_t> keys, 
   for (const std::uint64_t key : keys) _times.add(key, now);
 }
 
-Outstanding::Answered Outstanding::answer(std::uint64_t key) {
+std::optional<Outstanding::TimePoint> Outstanding::takeHandoverTime(std::uint64_t key) {
   const orrery::AutoMutex lock(_mutex);
-  return {_times.take(key), _count == 1};
+  return _times.take(key);
 }
 
 void Outstanding::withdraw(std::uint64_t key) {
-  answer(key);
+  takeHandoverTime(key);
   remove(1);
 }
 

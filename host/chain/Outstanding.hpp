@@ -15,18 +15,13 @@ class Outstanding {
  public:
   using TimePoint = HandoverTimes::TimePoint;
 
-  // What is known when an answer comes.
-  struct Answered {
-    std::optional<TimePoint> handedOver;
-    bool isLast;  // nothing else is outstanding
-  };
-
   void add(std::uint64_t count) ORRERY_EXCLUDES(_mutex) { add(count, {}, {}); }
   // Among them are requests with these keys, handed over now.
   void add(std::uint64_t count, std::span<const std::uint64_t> keys, TimePoint now)
       ORRERY_EXCLUDES(_mutex);
-  // The answer to a request with this key has come; it stays outstanding until it is removed.
-  Answered answer(std::uint64_t key) ORRERY_EXCLUDES(_mutex);
+  // When the request with this key was handed over; of several, the first that came. Nothing where
+  // that is not known. Whether it is outstanding or removed makes no difference.
+  std::optional<TimePoint> takeHandoverTime(std::uint64_t key) ORRERY_EXCLUDES(_mutex);
   // A request with this key has not been taken after all.
   void withdraw(std::uint64_t key) ORRERY_EXCLUDES(_mutex);
   void remove(std::uint64_t count) ORRERY_EXCLUDES(_mutex);

@@ -22,6 +22,7 @@ ChainCounts sumOf(const std::vector<ChainCounts>& chains) {
   for (const ChainCounts& chain : chains) {
     sum.sent += chain.sent;
     sum.answered += chain.answered;
+    sum.notSent += chain.notSent;
     sum.failed += chain.failed;
     sum.invalid += chain.invalid;
     sum.bytesRead += chain.bytesRead;

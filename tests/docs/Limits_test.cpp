@@ -56,6 +56,8 @@ const std::map<std::string, Constant>& constants() {
       {"values that the aliases", {"host/chain/YamlAliases.hpp", "maxAliasedNodes"}},
       {"keys that are no texts", {"host/messages/JsonReader.cpp", "maxOtherKeys"}},
       {"the same in a chain file", {"host/chain/YamlValues.cpp", "maxDepth"}},
+      {"requests that are read ahead", {"host/chain/BoundedQueue.hpp", "items"}},
+      {"the bytes of either", {"host/chain/BoundedQueue.hpp", "bytes"}},
   };
   return all;
 }

@@ -1,16 +1,20 @@
 // A plug-in for the host's tests, named Echo: one worker gives every message back as it came.
 //
 // Configuration: "fail": "create" or "start" makes that entry point fail. Metadata of a message:
-// "hold": true makes the worker wait there until the plug-in is shut down, and "stick": true for
-// ever; "refuse": true makes the batch fail at that message. At most 64 messages are queued, with
-// "tellWaits": true 512; then a batch waits, and with "tellWaits" the host is told, and at the end
-// "<n> of <m> batches waited" stands in the log.
+// "hold": true makes the worker wait there until the plug-in is shut down, with "holding" in the
+// log, and "stick": true for ever; "announce": true writes "taken" to the log when the message is
+// queued; "refuse": true makes the batch fail at that message; "tell": true writes "told" to the
+// log when the message has been given back; "borrow": true gives it back with a text as its payload
+// that lasts no longer than the call. At most 64 messages are queued, with "tellWaits": true 512;
+// then a batch waits, and with "tellWaits" the host is told, and at the end "<n> of <m> batches
+// waited" stands in the log.
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <deque>
 #include <mutex>
+#include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -80,7 +84,9 @@ class Echo {
         waitForSpace(lock);
       }
       if (_shuttingDown) return 0;
+      const bool announced = isTrue(message->metadata, "announce");
       _queue.push_back(std::exchange(*message, {}));
+      if (announced) qor_log_at("echo", QOR_LOG_INFO, "taken");
       _changed.notify_all();
     }
     return 0;
@@ -135,12 +141,26 @@ class Echo {
     while (next(message)) {
       if (isTrue(message.metadata, "stick")) std::this_thread::sleep_for(std::chrono::hours(24));
       if (isTrue(message.metadata, "hold")) {
+        qor_log_at("echo", QOR_LOG_INFO, "holding");
         std::unique_lock<std::mutex> lock(_mutex);
         _changed.wait(lock, [this] { return _shuttingDown; });
       }
-      if (!isFlush(message)) _send(_chain, &message, &message + 1);
+      if (!isFlush(message)) giveBack(message);
       release(message);
     }
+  }
+
+  void giveBack(qor_message_t& message) {
+    const bool tells = isTrue(message.metadata, "tell");
+    std::string text = "borrowed";
+    if (isTrue(message.metadata, "borrow")) {
+      qor_free_data(message.payload);
+      message.payload.tag = QOR_BORROWED_STRING;
+      message.payload.value.borrowed = text.c_str();
+    }
+    _send(_chain, &message, &message + 1);
+    text.assign("changed!");
+    if (tells) qor_log_at("echo", QOR_LOG_INFO, "told");
   }
 
   void* const _hostHandle;

@@ -112,12 +112,15 @@ TEST_F(InputPipe, StopEndsAWaitForInput) {
   EXPECT_FALSE(more);
 }
 
-TEST_F(InputPipe, StopLeavesWhatWasNotTaken) {
+TEST_F(InputPipe, StopLeavesTheWholeLinesThatWereReadAndNothingElse) {
   InputLines lines(_path);
-  put("a\nb\n");
+  put("a\nb\nhalf");
   ASSERT_TRUE(lines.wait());
   lines.stop();
-  EXPECT_FALSE(lines.wait());
+  put(" a line\n");
+  std::string taken;
+  while (lines.wait()) taken += std::string(lines.next()->text) + ",";
+  EXPECT_EQ(taken, "a,b,");
 }
 
 TEST_F(InputPipe, ALineThatIsTooLongIsToldAndNotKept) {

@@ -25,19 +25,11 @@ TEST(Outstanding, KnowsWhenARequestWasHandedOver) {
   const auto now = Outstanding::TimePoint(std::chrono::seconds(5));
   const std::vector<std::uint64_t> keys{1, 2};
   outstanding.add(3, keys, now);
-  EXPECT_EQ(outstanding.answer(2).handedOver, now);
-  EXPECT_FALSE(outstanding.answer(3).handedOver);
+  EXPECT_EQ(outstanding.takeHandoverTime(2), now);
+  EXPECT_FALSE(outstanding.takeHandoverTime(3));
   outstanding.withdraw(1);
   EXPECT_EQ(outstanding.count(), 2U);
-  EXPECT_FALSE(outstanding.answer(1).handedOver);
-}
-
-TEST(Outstanding, TellsTheLastAnswer) {
-  Outstanding outstanding;
-  outstanding.add(2);
-  EXPECT_FALSE(outstanding.answer(1).isLast);
-  outstanding.remove(1);
-  EXPECT_TRUE(outstanding.answer(1).isLast);
+  EXPECT_FALSE(outstanding.takeHandoverTime(1));
 }
 
 TEST(Outstanding, AbandonEndsEveryWait) {

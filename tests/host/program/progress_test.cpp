@@ -51,5 +51,11 @@ TEST(Progress, DescribesCountsWithWhatWasDropped) {
   EXPECT_EQ(describe(run), "sent 5, answered 3, failed 1, dropped 2, invalid lines 4");
 }
 
+TEST(Progress, CountsAsDroppedWhatWasReadAndNotSent) {
+  ChainCounts one = counts(5, 3, 1);
+  one.notSent = 4;
+  EXPECT_EQ(sumOf({one, one}).dropped(), 12U);
+}
+
 }  // namespace
 }  // namespace host

@@ -157,8 +157,8 @@ TEST_F(AffinityQueueWakes, AsManyAsABatchHasElementsForAndOnlyWhenItCloses) {
   sleepers(5);
   {
     Queue::LockPushBatch batch(queue());
-    queue().enqueue(batch, value(1), WhenFull::Wait);
-    queue().enqueue(batch, value(2), WhenFull::Wait, 4);  // the one on top has its own
+    queue().enqueue(batch, value(1), WhenFull::Wait, 4);  // the one on top has its own
+    queue().enqueue(batch, value(2), WhenFull::Wait);
     queue().enqueue(batch, value(3), WhenFull::Wait);
     queue().enqueue(batch, value(4), WhenFull::Wait, 4);
   }
@@ -234,6 +234,26 @@ TEST_F(AffinityQueueWakes, AProducerWhenAConsumerFallsAsleep) {
   EXPECT_EQ(Peer::waitingProducers(queue()), 1U) << "nobody sleeps, and one is not enough";
   comeBack(1);
   goesOn.wait();
+}
+
+// The full queue is no news here, and nobody is told of the wait: the batch does not let go of the
+// mutex for that.
+TEST_F(AffinityQueueWakes, WhomABatchHasBroughtSomethingBeforeItWaitsForSpace) {
+  sleepers(2);
+  push(queue(), 1, 0);
+  expectTaken(0, 1);
+  pushMany(queue(), capacity, 0);
+  Event goesOn("the producer to go on");
+  waitingProducer(goesOn);
+  queue().dequeue(0);
+  goesOn.wait();
+  queue().dequeue(0);
+  threads().run([this] {
+    Queue::LockPushBatch batch(queue());
+    queue().enqueue(batch, value(2), WhenFull::Wait, 1);
+    queue().enqueue(batch, value(3), WhenFull::Wait, 0);
+  });
+  expectTaken(1, 2);
 }
 
 // Beyond the capacity there is no room, whatever was taken.

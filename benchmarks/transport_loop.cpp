@@ -1,9 +1,11 @@
 // The transport alone, as a host drives it: loads LIBRARY, hands it COUNT GET requests in batches
 // of BATCH, and counts the answers. No lines are read, none written.
 //
-//   transport_loop LIBRARY PORT PATH COUNT WORKERS
+//   transport_loop LIBRARY PORT PATH COUNT WORKERS [one]
+//       one: the next message is sent when the one before it has been answered
 //
-// Prints the requests a second and the processor time of this process, in microseconds a request.
+// Prints the requests a second, the processor time of this process, in microseconds a request, and
+// its context switches a request: voluntary, and involuntary.
 // Exits with 1 where an answer is not 200. Any build of the library will do, so that two versions
 // can be measured in turns under one and the same host.
 #include <atomic>
@@ -16,6 +18,7 @@
 #include <stdexcept>
 #include <string>
 #include <sys/resource.h>
+#include <thread>
 #include <vector>
 
 #include "connectivity/qor_plugin.h"
@@ -43,6 +46,7 @@ qor_data_t map(qor_underlying_map_table_t* table) {
 struct Answers {
   std::atomic<long> good = 0;
   std::atomic<long> other = 0;
+  bool areWaitedFor = false;  // one by one
 };
 
 bool isOk(const qor_message_t& answer) {
@@ -57,6 +61,7 @@ int receive(void* context, qor_message_t* start, qor_message_t* end) {
   for (; start != end; ++start) {
     std::atomic<long>& count = isOk(*start) ? answers.good : answers.other;
     count.fetch_add(1, std::memory_order_relaxed);
+    if (answers.areWaitedFor) count.notify_one();
   }
   return 0;
 }
@@ -129,39 +134,70 @@ void sendAll(Transport& transport, const char* path, long count) {
   }
 }
 
-double processorSeconds() {
+void sendOneByOne(Transport& transport, const char* path, long count, Answers& answers) {
+  std::vector<qor_message_t> batch(1);
+  for (long number = 1; number <= count; ++number) {
+    const long before = answers.good;
+    batch[0] = getRequest(path, number);
+    transport.send(batch);
+    answers.good.wait(before);
+  }
+}
+
+// Of this process, so far.
+struct Usage {
+  double seconds;
+  double voluntarySwitches;
+  double involuntarySwitches;
+};
+
+Usage usageNow() {
   rusage usage = {};
   getrusage(RUSAGE_SELF, &usage);
   const auto seconds = [](const timeval& time) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
   };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  return {seconds(usage.ru_utime) + seconds(usage.ru_stime), static_cast<double>(usage.ru_nvcsw),
+          static_cast<double>(usage.ru_nivcsw)};
 }
 
-int run(char** arguments) {
+int run(char** arguments, bool oneByOne) {
   const long count = std::stol(arguments[4]);
   Answers answers;
+  answers.areWaitedFor = oneByOne;
   Transport transport(arguments[1], arguments[2], arguments[5], answers);
-  const double processorBefore = processorSeconds();
+  // The workers have fallen asleep by then.
+  if (oneByOne) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  const Usage before = usageNow();
   const auto start = std::chrono::steady_clock::now();
-  sendAll(transport, arguments[3], count);
+  Usage after = {};
+  if (oneByOne) {
+    sendOneByOne(transport, arguments[3], count, answers);
+    after = usageNow();
+  } else {
+    sendAll(transport, arguments[3], count);
+  }
   transport.shutdown();
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
-  const double processor = processorSeconds() - processorBefore;
-  std::cout << static_cast<long>(static_cast<double>(count) / elapsed.count()) << ' '
-            << processor * 1e6 / static_cast<double>(count) << '\n';
+  if (!oneByOne) after = usageNow();
+  const auto requests = static_cast<double>(count);
+  std::cout << static_cast<long>(requests / elapsed.count()) << ' '
+            << (after.seconds - before.seconds) * 1e6 / requests << ' '
+            << (after.voluntarySwitches - before.voluntarySwitches) / requests << ' '
+            << (after.involuntarySwitches - before.involuntarySwitches) / requests << '\n';
   return answers.good == count && answers.other == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 6) {
-    std::cerr << "usage: transport_loop LIBRARY PORT PATH COUNT WORKERS\n";
+  const bool oneByOne = argc == 7 && std::string(argv[6]) == "one";
+  if (argc != 6 && !oneByOne) {
+    std::cerr << "usage: transport_loop LIBRARY PORT PATH COUNT WORKERS [one]\n";
     return EXIT_FAILURE;
   }
   try {
-    return run(argv);
+    return run(argv, oneByOne);
   } catch (const std::exception& failure) {
     std::cerr << "transport_loop: " << failure.what() << '\n';
     return EXIT_FAILURE;

@@ -6,6 +6,9 @@
       workers, the medians of the rates and of the processor times, and of the ratios of the rounds.
   two_builds.py BEFORE AFTER --instructions
       Instructions a request under callgrind: a run of 12,000 less one of 2,000, divided by 10,000.
+  two_builds.py BEFORE AFTER --switches
+      Context switches of the process for each of 10,000 messages that are sent one after the other, while
+      all workers but one sleep.
 
 Needs the release build with -DORRERY_BUILD_BENCHMARKS=ON (scripts/bench makes it).
 """
@@ -30,7 +33,7 @@ def loop(library, port, count, workers):
     """Rate in requests a second and processor time in microseconds a request."""
     done = subprocess.run([LOOP, library, str(port), "/item", str(count), str(workers)],
                           check=True, capture_output=True, text=True)
-    rate, processor = done.stdout.split()
+    rate, processor, _, _ = done.stdout.split()
     return float(rate), float(processor)
 
 
@@ -82,6 +85,19 @@ def count_instructions(arguments):
                       flush=True)
 
 
+def count_switches(arguments):
+    print("| workers | before: voluntary, involuntary | after: voluntary, involuntary |")
+    print("|---|---|---|", flush=True)
+    with Nginx(100) as server:
+        for workers in (1, 4, 64, 1024):
+            row = []
+            for library in (arguments.before, arguments.after):
+                done = subprocess.run([LOOP, library, str(server.port), "/item", "10000",
+                                       str(workers), "one"], check=True, capture_output=True, text=True)
+                row.append(", ".join(f"{float(n):.2f}" for n in done.stdout.split()[2:]))
+            print(f"| {workers} | {row[0]} | {row[1]} |", flush=True)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__,
                                      formatter_class=argparse.RawDescriptionHelpFormatter)
@@ -90,8 +106,14 @@ def main():
     parser.add_argument("--rounds", type=int, default=7)
     parser.add_argument("--scale", type=float, default=1.0)
     parser.add_argument("--instructions", action="store_true")
+    parser.add_argument("--switches", action="store_true")
     arguments = parser.parse_args()
-    (count_instructions if arguments.instructions else speed)(arguments)
+    if arguments.instructions:
+        count_instructions(arguments)
+    elif arguments.switches:
+        count_switches(arguments)
+    else:
+        speed(arguments)
 
 
 if __name__ == "__main__":

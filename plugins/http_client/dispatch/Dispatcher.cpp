@@ -46,9 +46,13 @@ Dispatcher::Pushed Dispatcher::push(Message* start, Message* end, WhenFull whenF
   pushed.failure = batch.failure;
   Queue::LockPushBatch open(_queue, &_shuttingDown,
                             [this](bool waiting) { reportBatchWaits(waiting); });
-  for (std::size_t i = 0; i < batch.wishes.size(); ++i) {
-    if (!pushMessage(open, start[i], batch.wishes[i], whenFull, sentinels)) break;
-    if (batch.wishes[i].flushFirst) ++pushed.serialized;
+  try {
+    for (std::size_t i = 0; i < batch.wishes.size(); ++i) {
+      if (!pushMessage(open, start[i], batch.wishes[i], whenFull, sentinels)) break;
+      if (batch.wishes[i].flushFirst) ++pushed.serialized;
+    }
+  } catch (...) {
+    pushed.failure = std::current_exception();
   }
   return pushed;
 }

@@ -52,21 +52,18 @@ class Life {
     Call* _newer = nullptr;
   };
 
-  State state() noexcept ORRERY_EXCLUDES(mutex) {
-    const orrery::AutoMutex lock(mutex);
-    return now;
-  }
+  State state() const noexcept { return now.load(std::memory_order_acquire); }
   // False, and nothing changed, where the transport is stopping or stopped.
   bool run() noexcept ORRERY_EXCLUDES(mutex) {
     const orrery::AutoMutex lock(mutex);
-    if (now >= State::Stopping) return false;
+    if (state() >= State::Stopping) return false;
     now = State::Running;
     return true;
   }
   // Later batches are ignored from here on. False where that was so before.
   bool stop() noexcept ORRERY_EXCLUDES(mutex) {
     const orrery::AutoMutex lock(mutex);
-    if (now >= State::Stopping) return false;
+    if (state() >= State::Stopping) return false;
     now = State::Stopping;
     stopping.store(true, std::memory_order_release);
     return true;
@@ -95,7 +92,7 @@ class Life {
     for (const Call* other = newest; other != nullptr; other = other->_older) {
       if (other->_thread == call._thread) call._nested = true;
     }
-    call._isWaitedFor = call._kind == Call::Kind::Batch && now < State::Stopping;
+    call._isWaitedFor = call._kind == Call::Kind::Batch && state() < State::Stopping;
     call._older = newest;
     if (newest != nullptr) newest->_newer = &call;
     newest = &call;
@@ -105,7 +102,7 @@ class Life {
     const orrery::AutoMutex lock(mutex);
     (call._newer == nullptr ? newest : call._newer->_older) = call._older;
     if (call._older != nullptr) call._older->_newer = call._newer;
-    if (now >= State::Stopping) somebodyLeft.broadcast();
+    if (state() >= State::Stopping) somebodyLeft.broadcast();
   }
   bool hasBatch() const noexcept ORRERY_REQUIRES(mutex) {
     const Call* call = newest;
@@ -113,10 +110,11 @@ class Life {
     return call != nullptr;
   }
 
-  std::atomic<bool> stopping{false};  // written under the mutex, read also without it
+  // Written under the mutex, read also without it.
+  std::atomic<State> now{State::Made};
+  std::atomic<bool> stopping{false};
   orrery::Mutex mutex{"Life"};
   orrery::Condition somebodyLeft{mutex};
-  State now ORRERY_GUARDED_BY(mutex) = State::Made;
   Call* newest ORRERY_GUARDED_BY(mutex) = nullptr;
 };
 

@@ -24,7 +24,7 @@ bool wouldBlock(int error) noexcept { return error == EAGAIN || error == EWOULDB
 constexpr std::size_t maxPieces = 64;
 // And so many bytes. While the server reads as fast as we send, the system's call would go on to
 // the end of the body, and nobody would look for an early answer.
-constexpr std::size_t maxBytes = 262144;
+constexpr std::size_t turnBytes = 262144;
 
 iovec toVector(std::string_view piece) noexcept {
   // sendmsg only reads what the vector points to.
@@ -89,8 +89,8 @@ std::size_t TcpLayer::send(std::span<const std::string_view> pieces) {
   std::size_t count = 0;
   std::size_t bytes = 0;
   for (const std::string_view piece : pieces) {
-    if (count == maxPieces || bytes == maxBytes) break;
-    vectors[count++] = toVector(piece.substr(0, maxBytes - bytes));
+    if (count == maxPieces || bytes == turnBytes) break;
+    vectors[count++] = toVector(piece.substr(0, turnBytes - bytes));
     bytes += vectors[count - 1].iov_len;
   }
   msghdr message{};

@@ -1,6 +1,5 @@
 #include "plugins/http_client/wire/TcpLayer.hpp"
 
-#include <algorithm>
 #include <array>
 #include <cctype>
 #include <cerrno>
@@ -23,6 +22,9 @@ bool wouldBlock(int error) noexcept { return error == EAGAIN || error == EWOULDB
 
 // So many pieces leave in one call.
 constexpr std::size_t maxPieces = 64;
+// And so many bytes. While the server reads as fast as we send, the system's call would go on to
+// the end of the body, and nobody would look for an early answer.
+constexpr std::size_t turnBytes = 262144;
 
 iovec toVector(std::string_view piece) noexcept {
   // sendmsg only reads what the vector points to.
@@ -84,9 +86,13 @@ Socket TcpLayer::connectTo(const SocketAddress& address, TimeLimits::Deadline en
 
 std::size_t TcpLayer::send(std::span<const std::string_view> pieces) {
   std::array<iovec, maxPieces> vectors;  // NOLINT(*-member-init): filled as far as it is used
-  const std::size_t count = std::min(pieces.size(), vectors.size());
-  std::transform(pieces.begin(), pieces.begin() + static_cast<std::ptrdiff_t>(count),
-                 vectors.begin(), toVector);
+  std::size_t count = 0;
+  std::size_t bytes = 0;
+  for (const std::string_view piece : pieces) {
+    if (count == maxPieces || bytes == turnBytes) break;
+    vectors[count++] = toVector(piece.substr(0, turnBytes - bytes));
+    bytes += vectors[count - 1].iov_len;
+  }
   msghdr message{};
   message.msg_iov = vectors.data();
   message.msg_iovlen = count;

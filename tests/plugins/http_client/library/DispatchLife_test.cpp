@@ -147,8 +147,8 @@ TEST(Life, RefusesWhatWouldWaitForItselfFromAReleaseOnTheSendersThread) {
   expectAlive(plugin, requests);
 }
 
-// What is queued is dropped by the thread that shuts down, which frees the flush object.
-TEST(Life, RefusesWhatWouldWaitForItselfFromAReleaseDuringShutdown) {
+// What is queued is dropped by the thread that ends it all, which frees the flush object.
+void expectRefusedFromAReleaseDuring(int (PluginUnderTest::*end)()) {
   PluginOptions options;
   options.start = false;
   PluginUnderTest plugin{Config(1).numClients(2), options};
@@ -157,27 +157,20 @@ TEST(Life, RefusesWhatWouldWaitForItselfFromAReleaseDuringShutdown) {
     ++releases;
     makeWaitingCalls(plugin);
   }));
-  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ((plugin.*end)(), 0);
   EXPECT_EQ(releases, 1);
   expectRefused(plugin);
+}
+
+TEST(Life, RefusesWhatWouldWaitForItselfFromAReleaseDuringShutdown) {
+  expectRefusedFromAReleaseDuring(&PluginUnderTest::shutdown);
 }
 
 TEST(Life, RefusesWhatWouldWaitForItselfFromAReleaseDuringDestroy) {
-  PluginOptions options;
-  options.start = false;
-  PluginUnderTest plugin{Config(1).numClients(2), options};
-  std::atomic<int> releases{0};
-  plugin.send(ActingFlush::message([&] {
-    ++releases;
-    makeWaitingCalls(plugin);
-  }));
-  EXPECT_EQ(plugin.destroy(), 0);
-  EXPECT_EQ(releases, 1);
-  expectRefused(plugin);
+  expectRefusedFromAReleaseDuring(&PluginUnderTest::destroy);
 }
 
-// --- Before start
-// ---------------------------------------------------------------------------------
+// --- Before start --------------------------------------------------------------------------------
 
 TEST(Life, RefusesABatchThatWouldHaveToWaitBeforeStart) {
   EchoServer server;
@@ -230,8 +223,7 @@ TEST(Life, DropsWhatIsQueuedAtADestroyWithoutShutdownAndSaysSoOnce) {
   EXPECT_EQ(plugin.log().count("Dropped 1 queued elements that no worker has taken"), 1U);
 }
 
-// --- The end beside other calls
-// -------------------------------------------------------------------
+// --- The end beside other calls ------------------------------------------------------------------
 
 // The report of a batch's failure is the last that the batch does with the transport.
 TEST(Life, IsThereUntilAFailedBatchIsReported) {

@@ -106,6 +106,14 @@ class AffinityQueueWakes : public testing::Test {
     });
     await("a producer to wait", [&] { return Peer::waitingProducers(queue()) == 1; });
   }
+  // Of two consumers the first is busy, and its lane is full; the other one sleeps.
+  void producerBehindABusyConsumer(Event& goesOn) {
+    sleepers(2);
+    push(queue(), 1, 0);
+    expectTaken(0, 1);
+    pushMany(queue(), capacity, 0);
+    waitingProducer(goesOn);
+  }
 
  private:
   void consume(std::uint32_t consumer) {
@@ -239,12 +247,8 @@ TEST_F(AffinityQueueWakes, AProducerWhenAConsumerFallsAsleep) {
 // The full queue is no news here, and nobody is told of the wait: the batch does not let go of the
 // mutex for that.
 TEST_F(AffinityQueueWakes, WhomABatchHasBroughtSomethingBeforeItWaitsForSpace) {
-  sleepers(2);
-  push(queue(), 1, 0);
-  expectTaken(0, 1);
-  pushMany(queue(), capacity, 0);
   Event goesOn("the producer to go on");
-  waitingProducer(goesOn);
+  producerBehindABusyConsumer(goesOn);
   queue().dequeue(0);
   goesOn.wait();
   queue().dequeue(0);
@@ -258,12 +262,8 @@ TEST_F(AffinityQueueWakes, WhomABatchHasBroughtSomethingBeforeItWaitsForSpace) {
 
 // Beyond the capacity there is no room, whatever was taken.
 TEST_F(AffinityQueueWakes, NoProducerBeforeThereIsRoom) {
-  sleepers(2);
-  push(queue(), 1, 0);
-  expectTaken(0, 1);
-  pushMany(queue(), capacity, 0);
   Event goesOn("the producer to go on");
-  waitingProducer(goesOn);
+  producerBehindABusyConsumer(goesOn);
   pushMany(queue(), 40, 0);
   for (int i = 0; i < 40; ++i) queue().dequeue(0);
   EXPECT_EQ(Peer::waitingProducers(queue()), 1U);

@@ -2,6 +2,7 @@
 #include "plugins/http_client/dispatch/Life.hpp"
 
 #include <atomic>
+#include <chrono>
 #include <optional>
 #include <thread>
 
@@ -101,20 +102,21 @@ TEST(Life, WaitsUntilItIsAloneForEveryCall) {
     std::optional<Call> after;
     Event inside("the one who ends it to be inside");
     Event both("another to be inside");
-    std::atomic<bool> left{false};
+    Event alone("the one who ends it to be alone");
     std::thread ending([&] {
       const Call own(life, other);
       life.stop();
       inside.set();
       both.wait();
       life.waitUntilAlone(own);
-      EXPECT_TRUE(left) << "one was still inside";
+      alone.set();
     });
     inside.wait();
     after.emplace(life, kind);
     both.set();
     before.reset();
-    left = true;
+    // So that it waits, and is woken.
+    EXPECT_FALSE(alone.isSetWithin(std::chrono::milliseconds(50))) << "one was still inside";
     after.reset();
     ending.join();
   }

@@ -155,6 +155,28 @@ TEST_F(TcpLayerBytes, SendingTakesWhatFitsAndNeverWaits) {
   EXPECT_EQ(sent("more"), "done: 4");
 }
 
+// While the peer reads, the system would take body after body in one call, and an early answer
+// would not be looked for.
+TEST_F(TcpLayerBytes, SendingTakesAQuarterOfAMegabyteAtTheMost) {
+  constexpr std::size_t most = 262144;
+  const std::string first(200'000, 'a');
+  const std::string second(20'000'000, 'b');
+  std::size_t taken = 0;
+  std::thread reading([&] {
+    std::vector<char> data(most);
+    while (::recv(peer.get(), data.data(), data.size(), 0) > 0) {
+    }
+  });
+  for (int i = 0; i < 20; ++i) {
+    const std::size_t count = layer->send(Pieces{first, second});
+    EXPECT_LE(count, most);
+    taken += count;
+  }
+  layer->close();
+  reading.join();
+  EXPECT_GT(taken, 0U);
+}
+
 // A SIGPIPE would end the program.
 TEST_F(TcpLayerBytes, SendingToAPeerThatHasResetFailsWithoutASignal) {
   std::signal(SIGPIPE, SIG_DFL);

@@ -215,9 +215,10 @@ void Dispatcher::drain(std::uint32_t running) {
   if (failure) std::rethrow_exception(failure);
 }
 
+// The queue first: who leaves a barrier that will never be complete finds nothing behind it.
 void Dispatcher::terminate() {
-  _barriers.abandon(true);
   _queue.terminate();
+  _barriers.abandon(true);
 }
 
 }  // namespace connectivity::plugins

@@ -368,7 +368,7 @@ proctype Worker(byte me) {
      if
      :: kind == MESSAGE ->
         atomic {
-          for (i : 0 .. rows - 1) { assert(rowOrder[i] > order || remaining[i] == 0 || abandoned) }
+          for (i : 0 .. rows - 1) { assert(rowOrder[i] > order || remaining[i] == 0) }
         }
         callBack()
      :: else ->
@@ -389,6 +389,15 @@ proctype Worker(byte me) {
 }
 
 /* --- The end --------------------------------------------------------------------------------------------- */
+
+inline abandonBarriers() {
+  atomic {
+    abandoned = true;
+#ifndef WITHOUT_WAKING_AT_ABANDONED_BARRIERS
+    notifyBarriers()
+#endif
+  }
+}
 
 /* shutdown, at any moment; or destroy without it, which drops what is queued. An end must not be what wakes
  * somebody who would have slept for ever: it may also come only after the producers have left. */
@@ -416,12 +425,9 @@ proctype Control() {
      assert(len(common) == 0)
   :: else
   fi;
-  atomic {
-    abandoned = true;
-#ifndef WITHOUT_WAKING_AT_ABANDONED_BARRIERS
-    notifyBarriers()
+#ifdef MISTAKE_ABANDONING_BARRIERS_FIRST
+  abandonBarriers();
 #endif
-  }
   atomic {
     terminated = true;
 #ifndef WITHOUT_WAKING_AT_TERMINATION
@@ -432,6 +438,7 @@ proctype Control() {
 #endif
     notifyChosen()
   }
+  abandonBarriers();
   ended == WORKERS;
   assert(!drains || count == 0)
 }

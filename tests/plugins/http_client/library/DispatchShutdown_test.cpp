@@ -15,6 +15,7 @@
 #include "tests/plugins/http_client/EchoServer.hpp"
 #include "tests/support/PluginUnderTest.hpp"
 #include "tests/support/ScarceAddressSpace.hpp"
+#include "tests/support/Scheduling.hpp"
 
 namespace test_support {
 namespace {
@@ -261,8 +262,10 @@ TEST(Destroy, StopsAndJoinsWorkersThatStillRun) {
   EXPECT_TRUE(plugin.status().items().empty());
 }
 
-// The worker that is to complete the barrier never gets there.
-TEST(Destroy, EndsTheWaitOfAWorkerAtABarrier) {
+// The worker that is to complete the barrier never gets there; what stands behind it is not done.
+// The one that waits there runs in the very moment in which it is woken.
+TEST(Destroy, EndsTheWaitOfAWorkerAtABarrierAndNothingPassesIt) {
+  const OnOneProcessor oneProcessor;
   EchoServer server;
   PluginUnderTest plugin{Config(server.port()).numClients(2)};
   plugin.send(get(1, "/stall").key("a"));
@@ -271,7 +274,10 @@ TEST(Destroy, EndsTheWaitOfAWorkerAtABarrier) {
   plugin.send(get(3).flush());
   // One is there.
   EXPECT_TRUE(comesTrue([&] { return plugin.host().shuttingDownCalls() > 0; }));
-  std::thread control([&] { EXPECT_EQ(plugin.destroy(), 0); });
+  std::thread control([&] {
+    runWhenNobodyElseDoes();
+    EXPECT_EQ(plugin.destroy(), 0);
+  });
   plugin.log().waitForLine("This queue has been terminated");  // that one has gone on
   server.release();
   control.join();

@@ -125,7 +125,9 @@ class DispatchPairs : public testing::TestWithParam<std::tuple<Entry, Entry>> {
     _goesOn.set();
     one.join();
     other.join();
-    if (!_destroyed) EXPECT_EQ(plugin->destroy(), 0);
+    if (!_destroyed) {
+      EXPECT_EQ(plugin->destroy(), 0);
+    }
   }
 
   EchoServer server;
@@ -170,8 +172,8 @@ std::vector<std::tuple<Entry, Entry>> pairs() {
   return all;
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, DispatchPairs, testing::ValuesIn(pairs()), [](const auto& info) {
-  return std::string(nameOf(std::get<0>(info.param))) + "And" + nameOf(std::get<1>(info.param));
+INSTANTIATE_TEST_SUITE_P(Of, DispatchPairs, testing::ValuesIn(pairs()), [](const auto& pair) {
+  return std::string(nameOf(std::get<0>(pair.param))) + "And" + nameOf(std::get<1>(pair.param));
 });
 
 }  // namespace

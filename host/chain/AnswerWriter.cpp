@@ -55,6 +55,7 @@ void AnswerWriter::flushed(data_t&& id) { _queue.put(Flushed{std::move(id)}, 0);
 // --- The writing thread --------------------------------------------------------------------------
 
 void AnswerWriter::run() noexcept {
+  const auto begin = std::chrono::steady_clock::now();
   std::vector<Item> items;
   while (_queue.take(items, takenAtOnce)) {
     for (const Item& item : items) render(item);
@@ -62,6 +63,8 @@ void AnswerWriter::run() noexcept {
     write();
     if (_outstanding.count() > 0) std::this_thread::sleep_for(restBetweenWrites);
   }
+  _statistics.duration = std::chrono::steady_clock::now() - begin;
+  _ended.set();
 }
 
 void AnswerWriter::render(const Item& item) {

@@ -28,6 +28,7 @@
 #include "host/chain/Outstanding.hpp"
 #include "host/messages/MessageWriter.hpp"
 #include "host/messages/PayloadCodec.hpp"
+#include "host/system/Wakeup.hpp"
 
 namespace host {
 
@@ -44,7 +45,7 @@ class AnswerWriter {
 
   // Opens the output; std::runtime_error as OutputLines has it.
   void open(const std::string& path);
-  // The writing thread: returns after close(), when everything is written. REQUIRES: open().
+  // The writing thread: returns after close(), when everything is written. REQUIRES: open(); once.
   void run() noexcept;
 
   // From any thread: add a line, and wait while there is no room. Lines are lost after close(), and
@@ -56,6 +57,10 @@ class AnswerWriter {
 
   // Nothing is added any more. From any thread.
   void close() { _queue.close(); }
+  // Waits for run() to return; false where it has not by then. From any thread.
+  bool waitUntilEnded(std::chrono::steady_clock::time_point until) const noexcept {
+    return _ended.waitUntil(until);
+  }
   // Ends every wait, now and later: what finds no room, or is not taken by the output's reader, is
   // lost. From any thread. REQUIRES: open().
   void abandon() noexcept;
@@ -67,7 +72,8 @@ class AnswerWriter {
   std::uint64_t answered() const noexcept { return _answered.load(); }
   std::uint64_t failed() const noexcept { return _failed.load(); }
   std::uint64_t invalid() const noexcept { return _invalid.load(); }
-  // Of the same answers; without what the writer does not know. REQUIRES: run() has returned.
+  // Of the same answers; without what the writer does not know. The duration is that of run().
+  // REQUIRES: run() has returned.
   const ChainStatistics& statistics() const noexcept { return _statistics; }
 
  private:
@@ -121,6 +127,7 @@ class AnswerWriter {
   std::atomic<std::uint64_t> _answered{0};
   std::atomic<std::uint64_t> _failed{0};
   std::atomic<std::uint64_t> _invalid{0};
+  Wakeup _ended;
 };
 
 }  // namespace host

@@ -36,7 +36,6 @@ void Chain::start() {
 }
 
 void Chain::run() {
-  const auto begin = std::chrono::steady_clock::now();
   std::thread writer([this] { _answers.run(); });
   std::thread reader([this] { _requests.run(); });
   std::thread sender([this] { _sender.run(); });
@@ -48,7 +47,6 @@ void Chain::run() {
   // All that is delivered has been delivered.
   _answers.close();
   writer.join();
-  _duration = std::chrono::steady_clock::now() - begin;
 }
 
 void Chain::stopReading() noexcept { _requests.stop(); }
@@ -58,6 +56,11 @@ void Chain::drop() noexcept {
   _requests.abandon();
   _answers.abandon();
   _outstanding.abandon();
+}
+
+bool Chain::giveUp(std::chrono::steady_clock::time_point until) noexcept {
+  _answers.close();
+  return _answers.waitUntilEnded(until);
 }
 
 ChainCounts Chain::counts() const {
@@ -77,7 +80,6 @@ ChainCounts Chain::counts() const {
 ChainStatistics Chain::statistics() const {
   ChainStatistics statistics = _answers.statistics();
   statistics.requestBytes = _sender.requestBytes();
-  statistics.duration = _duration;
   return statistics;
 }
 

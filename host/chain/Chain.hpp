@@ -55,11 +55,15 @@ class Chain final : private ResponseReceiver {
   // Waits for nothing any more; what has not been handed over, or is queued in the transport, is
   // dropped.
   void drop() noexcept;
+  // After drop(), where run() does not return: writes what has been delivered, and loses what comes
+  // later. False where the output has not taken it until then. The chain cannot be destroyed any
+  // more: its transport still runs.
+  bool giveUp(std::chrono::steady_clock::time_point until) noexcept;
 
   const std::string& id() const noexcept { return _definition.id; }
   const std::string& name() const noexcept { return _definition.name; }
   ChainCounts counts() const;
-  // REQUIRES: run() has returned.
+  // REQUIRES: run() has returned, or giveUp() with true.
   ChainStatistics statistics() const;
   // Why the chain ended early: an input or output error, or a failure of the transport. Empty where
   // it did not.
@@ -80,7 +84,6 @@ class Chain final : private ResponseReceiver {
   RequestReader _requests;
   Transport _transport;  // its threads use all of the above
   RequestSender _sender;
-  std::chrono::duration<double> _duration{0};
 };
 
 }  // namespace host

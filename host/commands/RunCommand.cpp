@@ -1,8 +1,10 @@
 #include "host/commands/RunCommand.hpp"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <poll.h>
@@ -26,8 +28,14 @@ namespace host {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-constexpr int progressIntervalMilliseconds = 250;
-constexpr int logIntervalMilliseconds = 1000;
+using std::chrono::milliseconds;
+constexpr milliseconds progressInterval{250};
+constexpr milliseconds logInterval{1000};
+
+// The program ends within five seconds after a second signal: what runs by then is given up, with
+// time left to write what has been answered.
+constexpr std::chrono::seconds timeToFinish{4};
+constexpr milliseconds timeToWrite{500};
 
 // The chain file with what the command line says in its place.
 ChainFile readOptions(const RunOptions& options) {
@@ -60,7 +68,8 @@ class Run {
     for (const auto& chain : _chains) chain->start();
   }
 
-  void untilTheEnd() {
+  // False where chains still run although their time after a second signal is over.
+  bool untilTheEnd() {
     _running = _chains.size();
     std::vector<std::thread> threads;
     threads.reserve(_chains.size());
@@ -70,25 +79,35 @@ class Run {
         if (_running.fetch_sub(1) == 1) _allEnded.set();
       });
     }
-    watch();
-    for (std::thread& thread : threads) thread.join();
+    const bool ended = watch();
+    for (std::thread& thread : threads) ended ? thread.join() : thread.detach();
     _log.showProgress({});
+    return ended;
   }
 
   // Destroys the transports and tells what has been done.
   ExitStatus finish() {
     const std::vector<ChainSummary> summaries = allSummaries();
-    bool failed = false;
-    for (const auto& chain : _chains) failed = failed || !chain->failure().empty();
+    const bool failed = anyFailed();
     _chains.clear();
-    adviseOn(totalOf(summaries));
-    tell(summaries);
-    const ChainCounts sum = totalOf(summaries).counts;
-    // The last line, whatever else is told.
-    _log.write(HostLog::ownCategory, sum.dropped() > 0 ? QOR_LOG_WARN : QOR_LOG_INFO,
-               "Done: " + describe(sum));
-    if (failed) return ExitStatus::CouldNotRun;
-    return sum.invalid > 0 ? ExitStatus::InvalidLines : ExitStatus::Success;
+    return conclude(summaries, failed);
+  }
+
+  // Tells what has been done, and ends the process beside the transports that still run: nothing of
+  // them can be destroyed.
+  [[noreturn]] void giveUp() {
+    _log.warn("Requests that still run are given up");
+    const auto until = Clock::now() + timeToWrite;
+    bool isAllWritten = true;
+    for (const auto& chain : _chains) isAllWritten = chain->giveUp(until) && isAllWritten;
+    std::vector<ChainSummary> summaries;
+    if (isAllWritten) {
+      summaries = allSummaries();
+    } else {
+      for (const auto& chain : _chains)
+        summaries.push_back({chain->id(), chain->name(), chain->counts(), {}});
+    }
+    std::_Exit(static_cast<int>(conclude(summaries, anyFailed())));
   }
 
  private:
@@ -115,6 +134,22 @@ class Run {
     return summaries;
   }
 
+  bool anyFailed() const {
+    return std::any_of(_chains.begin(), _chains.end(),
+                       [](const auto& chain) { return !chain->failure().empty(); });
+  }
+
+  ExitStatus conclude(const std::vector<ChainSummary>& summaries, bool failed) {
+    adviseOn(totalOf(summaries));
+    tell(summaries);
+    const ChainCounts sum = totalOf(summaries).counts;
+    // The last line, whatever else is told.
+    _log.write(HostLog::ownCategory, sum.dropped() > 0 ? QOR_LOG_WARN : QOR_LOG_INFO,
+               "Done: " + describe(sum));
+    if (failed) return ExitStatus::CouldNotRun;
+    return sum.invalid > 0 ? ExitStatus::InvalidLines : ExitStatus::Success;
+  }
+
   void adviseOn(const ChainSummary& total) {
     const std::uint64_t answered = total.counts.answered;
     if (answered == 0 || total.statistics.withoutResponse != answered) return;
@@ -139,18 +174,27 @@ class Run {
     for (const std::string& line : lines) _log.info(prefix + line);
   }
 
-  void watch() {
+  // False as untilTheEnd() has it.
+  bool watch() {
     const bool showsProgress = _options.showsProgress && ::isatty(STDERR_FILENO) != 0;
+    const milliseconds interval = showsProgress ? progressInterval : logInterval;
     const auto begin = Clock::now();
     std::array<pollfd, 2> waiting{
         {{_signals.descriptor(), POLLIN, 0}, {_allEnded.descriptor(), POLLIN, 0}}};
     while (!_allEnded.isSet()) {
+      if (timeLeft() == milliseconds{0}) return false;
       ::poll(waiting.data(), waiting.size(),
-             showsProgress ? progressIntervalMilliseconds : logIntervalMilliseconds);
+             static_cast<int>(std::min(interval, timeLeft()).count()));
       _log.writeOverdue();
       if (_signals.take()) onSignal();
       if (showsProgress) _log.showProgress(progressLine(allCounts(), Clock::now() - begin));
     }
+    return true;
+  }
+
+  milliseconds timeLeft() const {
+    if (!_endsAt) return milliseconds::max();
+    return std::max(std::chrono::ceil<milliseconds>(*_endsAt - Clock::now()), milliseconds{0});
   }
 
   void onSignal() {
@@ -159,6 +203,7 @@ class Run {
       _log.info("Stopping: reading no further, waiting for the answers still to come");
       for (const auto& chain : _chains) chain->stopReading();
     } else {
+      _endsAt = Clock::now() + timeToFinish;
       for (const auto& chain : _chains) chain->drop();
       _signals.letThrough();
       // Behind its effect: who sees the line can rely on it.
@@ -175,6 +220,7 @@ class Run {
   Wakeup _allEnded;
   std::atomic<std::size_t> _running{0};
   bool _stopping = false;
+  std::optional<Clock::time_point> _endsAt;  // after a second signal
 };
 
 }  // namespace
@@ -186,7 +232,7 @@ ExitStatus run(const RunOptions& options) {
   HostLog log(file.log.level, file.log.levels);
   Run chains(file, options, log, signals);
   chains.start();
-  chains.untilTheEnd();
+  if (!chains.untilTheEnd()) chains.giveUp();
   return chains.finish();
 }
 

@@ -1,11 +1,14 @@
 #include "host/system/Wakeup.hpp"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <system_error>
 #include <unistd.h>
+
+#include <climits>
 
 namespace host {
 
@@ -24,6 +27,18 @@ void Wakeup::set() const noexcept {
 bool Wakeup::isSet() const noexcept {
   pollfd waiting{_descriptor, POLLIN, 0};
   return ::poll(&waiting, 1, 0) > 0;
+}
+
+bool Wakeup::waitUntil(std::chrono::steady_clock::time_point until) const noexcept {
+  using std::chrono::ceil;
+  using std::chrono::milliseconds;
+  while (!isSet()) {
+    const auto left = ceil<milliseconds>(until - std::chrono::steady_clock::now()).count();
+    if (left <= 0) return false;
+    pollfd waiting{_descriptor, POLLIN, 0};
+    ::poll(&waiting, 1, static_cast<int>(std::min<std::int64_t>(left, INT_MAX)));
+  }
+  return true;
 }
 
 }  // namespace host

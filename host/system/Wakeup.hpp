@@ -1,6 +1,8 @@
 // A flag that threads can wait for with poll().
 #pragma once
 
+#include <chrono>
+
 namespace host {
 
 // Set once and for all; any thread may call anything.
@@ -14,6 +16,8 @@ class Wakeup {
 
   void set() const noexcept;
   bool isSet() const noexcept;
+  // Waits for the flag; false where it is not set by then.
+  bool waitUntil(std::chrono::steady_clock::time_point until) const noexcept;
   // Readable once the flag is set; never to be read from.
   int descriptor() const noexcept { return _descriptor; }
 

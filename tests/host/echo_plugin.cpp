@@ -139,7 +139,10 @@ class Echo {
   void work() {
     qor_message_t message{};
     while (next(message)) {
-      if (isTrue(message.metadata, "stick")) std::this_thread::sleep_for(std::chrono::hours(24));
+      if (isTrue(message.metadata, "stick")) {
+        qor_log_at("echo", QOR_LOG_INFO, "sticking");
+        std::this_thread::sleep_for(std::chrono::hours(24));
+      }
       if (isTrue(message.metadata, "hold")) {
         qor_log_at("echo", QOR_LOG_INFO, "holding");
         std::unique_lock<std::mutex> lock(_mutex);

@@ -1,5 +1,6 @@
 // orrery-host run and check with the transport that is built beside the program, against servers
 // on 127.0.0.1: what a user's requests become, from the line on standard input to the answer.
+#include <chrono>
 #include <csignal>
 #include <set>
 #include <string>
@@ -325,6 +326,28 @@ TEST(MainJobSignals, TheSecondDropsWhatIsQueuedBehindTheRequestUnderWay) {
   EXPECT_EQ(server.requestCount(), 1U);
   EXPECT_THAT(lastLine(program.errors()),
               HasSubstr("WARN  [host] Done: sent 6, answered 1, failed 0, dropped 5"));
+}
+
+// A byte now and then, so that no time-out ends it.
+TEST(MainJobSignals, TheSecondGivesUpARequestWhoseServerTrickles) {
+  ScriptedServer server([](Connection& connection) {
+    if (!connection.readRequest()) return;
+    connection.send("HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n");
+    connection.drip(std::string(1000, 'x'), std::chrono::milliseconds(100));
+  });
+  const HttpChainFile chain(server.port(), "numClients: 1");
+  HostProgram program({"run", chain.path()});
+  program.write(line("1", "GET", "/long") + line("2", "GET", "/queued"));
+  server.waitForRequests(1);
+  program.signal(SIGTERM);
+  program.waitForErrors("Stopping: reading no further");
+  const auto second = std::chrono::steady_clock::now();
+  program.signal(SIGTERM);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_LE(std::chrono::steady_clock::now() - second, std::chrono::seconds(5));
+  EXPECT_EQ(program.output(), "");
+  EXPECT_THAT(lastLine(program.errors()),
+              HasSubstr("WARN  [host] Done: sent 2, answered 0, failed 0, dropped 2"));
 }
 
 // --- Check --------------------------------------------------------------------------------------

@@ -1,4 +1,5 @@
 // orrery-host run: what SIGINT and SIGTERM do.
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -19,8 +20,20 @@ using testing::Not;
 const std::string held = "{\"metadata\":{\"hold\":true}}\n";
 const std::string plain = "{\"metadata\":{\"requestId\":\"x\"}}\n";
 const std::string plainAnswer = "{\"metadata\":{\"requestId\":\"x\"},\"payload\":null}\n";
+const std::string stuck = "{\"metadata\":{\"stick\":true}}\n";
 const std::string announced = "{\"metadata\":{\"announce\":true}}\n";
 const std::string flush = "{\"control\":\"flush\"}\n";
+
+// What the last line counts in all; -1 where it counts nothing.
+int answeredOrDropped(const std::string& line) {
+  const auto at = line.find("answered");
+  int answered = 0;
+  int dropped = 0;
+  if (at == std::string::npos) return -1;
+  const int found =
+      std::sscanf(line.c_str() + at, "answered %d, failed %*d, dropped %d", &answered, &dropped);
+  return found == 2 ? answered + dropped : -1;
+}
 
 class RunSignals : public testing::TestWithParam<int> {};
 
@@ -102,14 +115,7 @@ TEST(RunTwoSignals, DropNoLineThatWasReadWithoutCountingIt) {
   program.waitForErrors("Stopping: reading no further");
   program.signal(SIGINT);
   EXPECT_EQ(program.wait(), 0);
-  const std::string line = lastLine(program.errors());
-  int answered = 0;
-  int dropped = 0;
-  ASSERT_EQ(std::sscanf(line.c_str() + line.find("answered"), "answered %d, failed %*d, dropped %d",
-                        &answered, &dropped),
-            2)
-      << line;
-  EXPECT_EQ(answered + dropped, howMany) << line;
+  EXPECT_EQ(answeredOrDropped(lastLine(program.errors())), howMany) << program.errors();
 }
 
 TEST(RunTwoSignals, EndADeliveryThatWaitsForTheReaderOfTheOutput) {
@@ -135,10 +141,55 @@ TEST(RunTwoSignals, EndADeliveryThatWaitsForTheReaderOfTheOutput) {
   ::close(ends[1]);
 }
 
+// One worker never comes to an end; what the others have answered is in the output, and everything
+// that was read is counted.
+TEST(RunTwoSignals, GiveUpWhatStillRunsAndCountIt) {
+  const EchoChainFile chain;
+  HostProgram program({"run", chain.path()});
+  program.write(plain + plain + stuck + plain + plain);
+  program.waitForOutput(plainAnswer + plainAnswer);
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping: reading no further");
+  const auto second = std::chrono::steady_clock::now();
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_LE(std::chrono::steady_clock::now() - second, std::chrono::seconds(5));
+  EXPECT_EQ(program.output(), plainAnswer + plainAnswer);
+  EXPECT_THAT(program.errors(), HasSubstr("WARN  [host] Requests that still run are given up"));
+  EXPECT_THAT(program.errors(), HasSubstr("Summary: sent 5, answered 2, failed 2, dropped 3"));
+  EXPECT_THAT(lastLine(program.errors()),
+              HasSubstr("WARN  [host] Done: sent 5, answered 2, failed 2, dropped 3"));
+}
+
+// The pipe of the output is full, answers wait for it, and the transport does not come to an end.
+TEST(RunTwoSignals, GiveUpAnOutputThatNobodyReadsToo) {
+  const EchoChainFile chain;
+  int ends[2] = {-1, -1};
+  ASSERT_EQ(::pipe(ends), 0);
+  test_support::ChildProcess::Options options;
+  options.inherited.push_back(ends[1]);
+  constexpr int howMany = 2000;
+  std::string input;
+  for (int i = 0; i < howMany; ++i) input += plain;
+  input += stuck;
+  test_support::ChildProcess program(
+      {HOST_PROGRAM, "run", chain.path(), "--input", chain.write("in", input), "--output",
+       "/proc/self/fd/" + std::to_string(ends[1])},
+      options);
+  program.waitForErrors("[echo] sticking");
+  program.signal(SIGINT);
+  program.waitForErrors("Stopping: reading no further");
+  program.signal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(answeredOrDropped(lastLine(program.errors())), howMany + 1) << program.errors();
+  ::close(ends[0]);
+  ::close(ends[1]);
+}
+
 TEST(RunThreeSignals, EndAProgramWhoseTransportDoesNotCome) {
   const EchoChainFile chain;
   HostProgram program({"run", chain.path()});
-  program.write(plain + "{\"metadata\":{\"stick\":true}}\n");
+  program.write(plain + stuck);
   program.waitForOutput(plainAnswer);
   program.signal(SIGTERM);
   program.waitForErrors("Stopping: reading no further");

@@ -1,5 +1,6 @@
 #include "host/messages/OwnedTexts.hpp"
 
+#include <span>
 #include <utility>
 #include <vector>
 
@@ -11,16 +12,18 @@ using connectivity::data_t;
 using connectivity::list_t;
 using connectivity::map_t;
 using connectivity::Message;
+using Slot = qor_underlying_map_table_entry_t;
 
 namespace {
 
-// Looks for a borrowed text without a stack of its own for depth.
+// Looks for a borrowed text without a stack of its own for depth, and, since every answer is looked
+// through, in the tables themselves.
 class Search {
  public:
   explicit Search(const Message& message) {
     _inside.reserve(16);
     look(message.payload);
-    look(message.metadata);
+    lookThrough(message.metadata.table());
   }
 
   bool finds() {
@@ -28,7 +31,7 @@ class Search {
       const data_t& value = *_inside.back();
       _inside.pop_back();
       if (value.tag() == QOR_MAP) {
-        look(connectivity::get<map_t>(value));
+        lookThrough(connectivity::get<map_t>(value).table());
       } else {
         for (const data_t& element : connectivity::get<list_t>(value)) look(element);
       }
@@ -37,10 +40,13 @@ class Search {
   }
 
  private:
-  void look(const map_t& map) {
-    for (auto entry = map.begin(); !entry.atEnd(); ++entry) {
-      look(entry.key());
-      look(entry.value());
+  void lookThrough(qor_underlying_map_table_t* table) {
+    if (table == nullptr) return;
+    for (const Slot& slot : std::span(qor_map_entries(table), table->capacity)) {
+      const bool isDead = slot.hash <= 1 && slot.key.tag == QOR_EMPTY;
+      if (isDead) continue;
+      look(reinterpret_cast<const data_t&>(slot.key));
+      look(reinterpret_cast<const data_t&>(slot.value));
     }
   }
   void look(const data_t& value) {

@@ -27,6 +27,8 @@ std::uint64_t firstBytes(const char* text) noexcept {
   return number;
 }
 
+const data_t& seen(const qor_data_t& raw) noexcept { return reinterpret_cast<const data_t&>(raw); }
+
 }  // namespace
 
 void JsonWriter::write(const data_t& value) {
@@ -89,7 +91,7 @@ void JsonWriter::begin(const map_t& map) {
   level.next = level.first;
   bool onlyTexts = true;
   for (auto entry = map.begin(); !entry.atEnd(); ++entry) {
-    _entries.push_back({.key = &entry.key(), .value = &entry.value()});
+    _entries.push_back({.key = entry.key().raw(), .value = entry.value().raw()});
     onlyTexts = onlyTexts && entry.key().isString();
   }
   if (onlyTexts) {
@@ -105,17 +107,21 @@ void JsonWriter::begin(const map_t& map) {
 // follow what all of them begin with.
 void JsonWriter::orderTexts(std::span<Entry> entries) {
   if (entries.size() < 2) return;
-  std::string_view common = entries.front().key->text();
-  for (const Entry& entry : entries) {
-    const char* const text = entry.key->text();
+  std::string_view common = seen(entries.front().key).text();
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    prefetchText(entries, i + textsAhead);
+    const char* const text = seen(entries[i].key).text();
     std::size_t length = 0;
     while (length < common.size() && text[length] == common[length]) ++length;
     common = common.substr(0, length);
   }
-  for (Entry& entry : entries) entry.bytes = firstBytes(entry.key->text() + common.size());
+  for (std::size_t i = 0; i < entries.size(); ++i) {
+    prefetchText(entries, i + textsAhead);
+    entries[i].bytes = firstBytes(seen(entries[i].key).text() + common.size());
+  }
   std::sort(entries.begin(), entries.end(), [](const Entry& left, const Entry& right) {
     if (left.bytes != right.bytes) return left.bytes < right.bytes;
-    return std::strcmp(left.key->text(), right.key->text()) < 0;
+    return std::strcmp(seen(left.key).text(), seen(right.key).text()) < 0;
   });
 }
 
@@ -131,10 +137,19 @@ void JsonWriter::continueList(Level& level) {
 void JsonWriter::continueObject(Level& level) {
   if (level.next == _entries.size()) return endMap(level, "}");
   if (level.next > level.first) text() += ',';
+  prefetchText(_entries, level.next + textsAhead);
   const Entry& entry = _entries[level.next++];
-  appendJsonString(entry.key->text(), text());
+  appendJsonString(seen(entry.key).text(), text());
   text() += ':';
-  begin(*entry.value);
+  // A copy: what begins may move the entries.
+  const qor_data_t value = entry.value;
+  begin(seen(value));
+}
+
+// The text of that entry's key will be needed soon. Of a large object, they do not fit into the
+// processor's cache.
+void JsonWriter::prefetchText(std::span<const Entry> entries, std::size_t index) noexcept {
+  if (index < entries.size()) __builtin_prefetch(entries[index].key.value.string);
 }
 
 void JsonWriter::beginKeys(Level& level) {
@@ -152,14 +167,16 @@ void JsonWriter::continueKeys(Level& level) {
   }
   _currentKey = {};
   _keys.beginPiece();
-  if (level.next < _entries.size()) return begin(*_entries[level.next++].key);
+  if (level.next < _entries.size()) {
+    const qor_data_t key = _entries[level.next++].key;
+    return begin(seen(key));
+  }
   const auto comesBefore = [this](const Entry& left, const Entry& right) {
-    using connectivity::get;
-    const std::uint32_t tag = left.key->tag();
-    if (tag != right.key->tag()) return tag < right.key->tag();
-    if (tag == QOR_INT64) return get<long long>(*left.key) < get<long long>(*right.key);
+    const std::uint32_t tag = left.key.tag;
+    if (tag != right.key.tag) return tag < right.key.tag;
+    if (tag == QOR_INT64) return left.key.value.int64 < right.key.value.int64;
     if (tag == QOR_DOUBLE) {
-      return std::is_lt(std::strong_order(get<double>(*left.key), get<double>(*right.key)));
+      return std::is_lt(std::strong_order(left.key.value.float64, right.key.value.float64));
     }
     return _keys.comesBefore(left.keyText, right.keyText);
   };
@@ -179,7 +196,8 @@ void JsonWriter::continuePairs(Level& level) {
   const Entry& entry = _entries[level.next++];
   writeKey(entry);
   text() += ',';
-  begin(*entry.value);
+  const qor_data_t value = entry.value;
+  begin(seen(value));
 }
 
 void JsonWriter::writeKey(const Entry& entry) {

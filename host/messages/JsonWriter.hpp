@@ -36,9 +36,11 @@ class JsonWriter {
   void writeString(std::string_view text);
 
  private:
+  // One of a map. Key and value are those of the map, which owns them: in the order in which
+  // entries are written, the map's slots lie all over memory.
   struct Entry {
-    const connectivity::data_t* key;
-    const connectivity::data_t* value;
+    qor_data_t key;
+    qor_data_t value;
     std::uint64_t bytes = 0;   // by which an object's entries are ordered first
     KeyTexts::Text keyText{};  // of a pair's key
   };
@@ -60,6 +62,8 @@ class JsonWriter {
   void run();
   void begin(const connectivity::data_t& value);
   void begin(const connectivity::map_t& map);
+  static constexpr std::size_t textsAhead = 8;
+  static void prefetchText(std::span<const Entry> entries, std::size_t index) noexcept;
   static void orderTexts(std::span<Entry> entries);
   void continueList(Level& level);
   void continueObject(Level& level);

@@ -1,5 +1,6 @@
 // The host is told when a batch begins and ends to wait for space in the queue.
 #include <cstddef>
+#include <memory>
 #include <span>
 #include <stdexcept>
 #include <thread>
@@ -9,7 +10,9 @@
 #include <gtest/gtest.h>
 
 #include "tests/plugins/http_client/EchoServer.hpp"
+#include "tests/support/Event.hpp"
 #include "tests/support/PluginUnderTest.hpp"
+#include "tests/support/ScriptedServer.hpp"
 
 namespace test_support {
 namespace {
@@ -139,6 +142,41 @@ TEST_F(BatchWaits, GoOnThoughTheHostsFunctionThrows) {
   letTheProducerEnd();
   EXPECT_EQ(plugin.shutdown(), 0);
   EXPECT_EQ(plugin.answerCount(), capacity + 2);
+}
+
+// --- Fair while full ---------------------------------------------------------------------------
+
+// A third of the messages has one key, whose worker is slow: in the end they fill the queue. Each
+// that is finished makes room for those behind it, which the many other workers take at once.
+TEST(BatchWaitsBesideASlowKey, DoNotKeepTheOtherWorkersWithoutWork) {
+  Gate slow("the next request of the key to be answered");
+  ScriptedServer server([&](Connection& connection) {
+    while (connection.readRequest()) {
+      slow.pass();
+      connection.sendResponse(200, {}, "");
+    }
+  });
+  PluginUnderTest plugin{Config(server.port()).numClients(64)};
+  constexpr std::size_t inTheBeginning =
+      capacity + 1;  // of the key: queued, and one with its worker
+  constexpr std::size_t steps = 50;
+  std::vector<Message> batch;
+  for (std::size_t i = 0; i < inTheBeginning + steps; ++i) {
+    batch.push_back(Request("GET", "/x").id(1).key("slow").message());
+    for (Message& message : cheap(2)) batch.push_back(std::move(message));
+  }
+  const std::size_t all = batch.size();
+  std::jthread producer([&] { EXPECT_EQ(plugin.send(std::span(batch)), 0); });
+  const std::shared_ptr<Gate> opensAtTheEnd(&slow, [all](Gate* gate) { gate->open(all); });
+  plugin.waitForAnswers(2 * capacity);
+  for (std::size_t i = 1; i <= steps; ++i) {
+    slow.open(1);
+    plugin.waitForAnswers(2 * capacity + 3 * i);
+  }
+  slow.open(all);
+  producer.join();
+  EXPECT_EQ(plugin.shutdown(), 0);
+  EXPECT_EQ(plugin.answerCount(), all);
 }
 
 }  // namespace

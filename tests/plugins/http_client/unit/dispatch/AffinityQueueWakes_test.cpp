@@ -41,6 +41,8 @@ namespace {
 using test_support::Event;
 using Lanes = std::vector<std::uint32_t>;
 using Peer = AffinityQueueTestPeer;
+// Long enough for somebody who is woken to go on.
+constexpr std::chrono::milliseconds notWoken{50};
 
 template <typename Condition>
 void await(const char* what, Condition&& condition) {
@@ -106,6 +108,16 @@ class AffinityQueueWakes : public testing::Test {
     });
     await("a producer to wait", [&] { return Peer::waitingProducers(queue()) == 1; });
   }
+  // The only consumer is busy, and so many elements wait for it.
+  void busyConsumer(int elements) {
+    sleepers(1);
+    push(queue(), 1);
+    expectTaken(0, 1);
+    pushMany(queue(), elements, 0);
+  }
+  void take(std::uint32_t howMany) {
+    for (; howMany > 0; --howMany) queue().dequeue(0);
+  }
   // Of two consumers the first is busy, and its lane is full; the other one sleeps.
   void producerBehindABusyConsumer(Event& goesOn) {
     sleepers(2);
@@ -119,7 +131,7 @@ class AffinityQueueWakes : public testing::Test {
   void consume(std::uint32_t consumer) {
     try {
       for (;;) {
-        _taken[consumer] = take(queue(), consumer);
+        _taken[consumer] = plugins::take(queue(), consumer);
         while (!_comesBack[consumer] && !_over) std::this_thread::yield();
         _comesBack[consumer] = false;
       }
@@ -203,17 +215,23 @@ TEST_F(AffinityQueueWakes, NobodyTwiceForTwoElements) {
 // --- Producers ----------------------------------------------------------------------------------
 
 TEST_F(AffinityQueueWakes, AProducerOnceEnoughWasTaken) {
-  sleepers(1);
-  push(queue(), 1);
-  expectTaken(0, 1);  // the only consumer is busy from here on
-  pushMany(queue(), capacity, 0);
+  busyConsumer(capacity);
   Event goesOn("the producer to go on");
   waitingProducer(goesOn);
-  const auto takeOne = [&] { queue().dequeue(0); };  // for that consumer
-  for (std::uint32_t i = 1; i < Queue::takenBeforeWaking; ++i) takeOne();
-  EXPECT_EQ(Peer::waitingProducers(queue()), 1U);
-  EXPECT_FALSE(goesOn.isSet());
-  takeOne();
+  take(Queue::takenBeforeWaking - 1);
+  EXPECT_FALSE(goesOn.isSetWithin(notWoken));
+  take(1);
+  goesOn.wait();
+}
+
+TEST_F(AffinityQueueWakes, AProducerOnceEnoughWasTakenSinceThereIsRoom) {
+  constexpr int tooMany = 40;
+  busyConsumer(capacity + tooMany);
+  Event goesOn("the producer to go on");
+  waitingProducer(goesOn);
+  take(tooMany + Queue::takenBeforeWaking - 1);
+  EXPECT_FALSE(goesOn.isSetWithin(notWoken));
+  take(1);
   goesOn.wait();
 }
 
@@ -239,7 +257,7 @@ TEST_F(AffinityQueueWakes, AProducerWhenAConsumerFallsAsleep) {
   Event goesOn("the producer to go on");
   waitingProducer(goesOn);
   queue().dequeue(0);
-  EXPECT_EQ(Peer::waitingProducers(queue()), 1U) << "nobody sleeps, and one is not enough";
+  EXPECT_FALSE(goesOn.isSetWithin(notWoken)) << "nobody sleeps, and one is not enough";
   comeBack(1);
   goesOn.wait();
 }
@@ -265,9 +283,8 @@ TEST_F(AffinityQueueWakes, NoProducerBeforeThereIsRoom) {
   Event goesOn("the producer to go on");
   producerBehindABusyConsumer(goesOn);
   pushMany(queue(), 40, 0);
-  for (int i = 0; i < 40; ++i) queue().dequeue(0);
-  EXPECT_EQ(Peer::waitingProducers(queue()), 1U);
-  EXPECT_FALSE(goesOn.isSet());
+  take(40);
+  EXPECT_FALSE(goesOn.isSetWithin(notWoken));
   queue().dequeue(0);
   goesOn.wait();
 }

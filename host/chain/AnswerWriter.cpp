@@ -35,10 +35,12 @@ void AnswerWriter::abandon() noexcept {
 
 // --- What is delivered ---------------------------------------------------------------------------
 
-void AnswerWriter::answer(Message&& response) {
+void AnswerWriter::answer(Message& response) {
   const auto now = std::chrono::steady_clock::now();
   const std::uint64_t bytes = payloadBytes(response.payload);
-  _queue.put(Answer{std::move(response), bytes, now}, bytes);
+  Item item = Answer{std::move(response), bytes, now};
+  _queue.put(item, bytes);
+  if (auto* done = std::get_if<Answer>(&item)) response = std::move(done->message);
 }
 
 void AnswerWriter::invalidLine(std::uint64_t line, std::string text) {
@@ -58,7 +60,8 @@ void AnswerWriter::run() noexcept {
   const auto begin = std::chrono::steady_clock::now();
   std::vector<Item> items;
   while (_queue.take(items, takenAtOnce)) {
-    for (const Item& item : items) render(item);
+    for (Item& item : items) render(item);
+    _queue.giveBack(items);
     if (!_queue.isEmpty()) continue;
     write();
     if (_outstanding.count() > 0) std::this_thread::sleep_for(restBetweenWrites);
@@ -67,9 +70,10 @@ void AnswerWriter::run() noexcept {
   _ended.set();
 }
 
-void AnswerWriter::render(const Item& item) {
-  // What takes long to render does not hold up what stands before it.
-  if (isLarge(item)) write();
+void AnswerWriter::render(Item& item) {
+  // What takes long to render does not hold up what stands before it, nor is it kept afterwards.
+  Answer* const large = largeAnswer(item);
+  if (large != nullptr) write();
   const std::size_t before = _lines.size();
   try {
     std::visit([this](const auto& line) { renderLine(line); }, item);
@@ -77,12 +81,13 @@ void AnswerWriter::render(const Item& item) {
     _lines.resize(before);
     _log.fail(error.what());
   }
+  if (large != nullptr) large->message = {};
   if (_lines.size() >= writeSize) write();
 }
 
-bool AnswerWriter::isLarge(const Item& item) {
-  const auto* answer = std::get_if<Answer>(&item);
-  return answer != nullptr && answer->bytes >= writeSize;
+AnswerWriter::Answer* AnswerWriter::largeAnswer(Item& item) {
+  auto* const answer = std::get_if<Answer>(&item);
+  return answer != nullptr && answer->bytes >= writeSize ? answer : nullptr;
 }
 
 void AnswerWriter::renderLine(const Answer& answer) {

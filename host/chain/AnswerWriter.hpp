@@ -50,7 +50,8 @@ class AnswerWriter {
 
   // From any thread: add a line, and wait while there is no room. Lines are lost after close(), and
   // where there is no room after abandon().
-  void answer(connectivity::Message&& response);
+  // Leaves in the response's place one that has been rendered, or nothing, to be freed there.
+  void answer(connectivity::Message& response);
   // The input's line with that number is no valid message; the first one is told in the log too.
   void invalidLine(std::uint64_t line, std::string text);
   void flushed(connectivity::data_t&& id);
@@ -102,8 +103,8 @@ class AnswerWriter {
     std::optional<LatencyHistogram::Duration> latency;
   };
 
-  void render(const Item& item);
-  static bool isLarge(const Item& item);
+  void render(Item& item);
+  static Answer* largeAnswer(Item& item);
   void renderLine(const Answer& answer);
   void renderLine(const InvalidLine& line);
   void renderLine(const Flushed& flush);

@@ -9,6 +9,9 @@
 //     for (Item& item : items) { ... }
 //   }
 //
+// What was taken and is done can be given back, to leave with those who put: memory is freed
+// cheapest by the threads that allocate it.
+//
 // Nothing waits with a time-out, and nobody is woken but where somebody waits.
 #pragma once
 
@@ -16,6 +19,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -47,9 +51,10 @@ class BoundedQueue {
   BoundedQueue(const BoundedQueue&) = delete;
   BoundedQueue& operator=(const BoundedQueue&) = delete;
 
-  // Appends the item, and waits for room. False, with the item left as it is, after close(), and
-  // where there is no room after abandon().
-  bool put(Item&& item, std::uint64_t bytes, Wake wake = Wake::Now) ORRERY_EXCLUDES(_mutex) {
+  // Appends the item, and waits for room; leaves one in its place that was given back, if there is
+  // any. False, with the item left as it is, after close(), and where there is no room after
+  // abandon().
+  bool put(Item& item, std::uint64_t bytes, Wake wake = Wake::Now) ORRERY_EXCLUDES(_mutex) {
     bool wakesTaker = false;
     {
       const orrery::AutoMutex lock(_mutex);
@@ -57,10 +62,18 @@ class BoundedQueue {
       if (_closed || !hasRoom(bytes)) return false;
       _entries.push_back({std::move(item), bytes});
       _bytes += bytes;
+      if (!_done.empty()) {
+        item = std::move(_done.back());
+        _done.pop_back();
+      }
       wakesTaker = _waiting.taker && wake == Wake::Now;
     }
     if (wakesTaker) _filled.broadcast();
     return true;
+  }
+
+  bool put(Item&& item, std::uint64_t bytes, Wake wake = Wake::Now) ORRERY_EXCLUDES(_mutex) {
+    return put(item, bytes, wake);
   }
 
   // Wakes the taker where it waits beside items.
@@ -86,6 +99,13 @@ class BoundedQueue {
       _takenBytes += _entries.front().bytes;
     }
     return _taken > 0;
+  }
+
+  // For the taker: what it does not need any more.
+  void giveBack(std::vector<Item>& done) ORRERY_EXCLUDES(_mutex) {
+    const orrery::AutoMutex lock(_mutex);
+    std::move(done.begin(), done.end(), std::back_inserter(_done));
+    done.clear();
   }
 
   // Whether take() would wait, or say that nothing comes any more.
@@ -158,6 +178,7 @@ class BoundedQueue {
   orrery::Condition _room{_mutex};
   orrery::Condition _filled{_mutex};
   std::deque<Entry> _entries ORRERY_GUARDED_BY(_mutex);
+  std::vector<Item> _done ORRERY_GUARDED_BY(_mutex);
   std::uint64_t _bytes ORRERY_GUARDED_BY(_mutex) = 0;  // of what is queued or taken
   std::size_t _taken ORRERY_GUARDED_BY(_mutex) = 0;
   std::uint64_t _takenBytes ORRERY_GUARDED_BY(_mutex) = 0;

@@ -85,11 +85,11 @@ ChainStatistics Chain::statistics() const {
 
 // --- From the transport --------------------------------------------------------------------------
 
-void Chain::receive(Message&& response) {
+void Chain::receive(Message& response) {
   try {
     // It is kept for longer than this call.
     ownTexts(response);
-    _answers.answer(std::move(response));
+    _answers.answer(response);
   } catch (const std::exception& error) {
     _log.fail(error.what());
   }

@@ -70,7 +70,7 @@ class Chain final : private ResponseReceiver {
   std::string failure() const { return _log.failure(); }
 
  private:
-  void receive(connectivity::Message&& response) override;
+  void receive(connectivity::Message& response) override;
   void batchWaits(bool waiting) noexcept override;
   connectivity::Message flushMessage(FlushRequest&& flush);
   void onFlushReleased(connectivity::data_t&& id) noexcept;

@@ -65,7 +65,7 @@ void Transport::noteBatchWaits(void* context, bool waiting) {
 int Transport::deliver(void* context, qor_message_t* start, qor_message_t* end) {
   try {
     for (qor_message_t* message = start; message != end; ++message) {
-      transportAt(context)._receiver.receive(std::move(*reinterpret_cast<Message*>(message)));
+      transportAt(context)._receiver.receive(*reinterpret_cast<Message*>(message));
     }
     return 0;
   } catch (...) {

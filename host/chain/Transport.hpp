@@ -16,9 +16,9 @@ namespace host {
 class ResponseReceiver {
  public:
   virtual ~ResponseReceiver() = default;
-  // Called on the transport's threads, one response at a time. What is not moved out of the
-  // response goes back to the transport afterwards.
-  virtual void receive(connectivity::Message&& response) = 0;
+  // Called on the transport's threads, one response at a time. What is left in the response, or
+  // put in its place, goes back to the transport afterwards.
+  virtual void receive(connectivity::Message& response) = 0;
   // A batch begins or ends to wait for space in the transport's queue: called inside send(), on its
   // thread, by a transport that tells it.
   virtual void batchWaits(bool /*waiting*/) noexcept {}

@@ -19,7 +19,7 @@ DemoAnswers::DemoAnswers(std::size_t howMany, std::size_t flushInterval, HostLog
       _answers(howMany),
       _barriers(howMany / flushInterval, Barrier{flushInterval}) {}
 
-void DemoAnswers::receive(Message&& response) {
+void DemoAnswers::receive(Message& response) {
   const data_t* id = response.metadata.findText("requestId");
   if (id == nullptr || id->tag() != QOR_INT64) return;
   const orrery::AutoMutex lock(_mutex);

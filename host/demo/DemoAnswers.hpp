@@ -30,7 +30,7 @@ class DemoAnswers : public ResponseReceiver {
   // `log` is borrowed; on a terminal it shows the progress.
   DemoAnswers(std::size_t howMany, std::size_t flushInterval, HostLog& log);
 
-  void receive(connectivity::Message&& response) override ORRERY_EXCLUDES(_mutex);
+  void receive(connectivity::Message& response) override ORRERY_EXCLUDES(_mutex);
   // The transport has released the flush object of the barrier with that number, counted from 0.
   void flushed(std::size_t barrier) ORRERY_EXCLUDES(_mutex);
 

@@ -8,6 +8,7 @@
 #include "connectivity/value_access.hpp"
 #include "host/messages/ExtendedJson.hpp"
 #include "host/messages/JsonLeaves.hpp"
+#include "host/messages/MapEntries.hpp"
 
 namespace host {
 
@@ -90,10 +91,10 @@ void JsonWriter::begin(const map_t& map) {
   Level level{.kind = Level::Kind::Object, .first = _entries.size()};
   level.next = level.first;
   bool onlyTexts = true;
-  for (auto entry = map.begin(); !entry.atEnd(); ++entry) {
-    _entries.push_back({.key = entry.key().raw(), .value = entry.value().raw()});
-    onlyTexts = onlyTexts && entry.key().isString();
-  }
+  forEachEntry(map.table(), [&](const data_t& key, const data_t& value) {
+    _entries.push_back({.key = key.raw(), .value = value.raw()});
+    onlyTexts = onlyTexts && key.isString();
+  });
   if (onlyTexts) {
     orderTexts(std::span(_entries).subspan(level.first));
     text() += '{';

@@ -1,10 +1,10 @@
 #include "host/messages/OwnedTexts.hpp"
 
-#include <span>
 #include <utility>
 #include <vector>
 
 #include "connectivity/value_access.hpp"
+#include "host/messages/MapEntries.hpp"
 
 namespace host {
 
@@ -12,12 +12,10 @@ using connectivity::data_t;
 using connectivity::list_t;
 using connectivity::map_t;
 using connectivity::Message;
-using Slot = qor_underlying_map_table_entry_t;
 
 namespace {
 
-// Looks for a borrowed text without a stack of its own for depth, and, since every answer is looked
-// through, in the tables themselves.
+// Looks for a borrowed text without a stack of its own for depth.
 class Search {
  public:
   explicit Search(const Message& message) {
@@ -41,13 +39,10 @@ class Search {
 
  private:
   void lookThrough(qor_underlying_map_table_t* table) {
-    if (table == nullptr) return;
-    for (const Slot& slot : std::span(qor_map_entries(table), table->capacity)) {
-      const bool isDead = slot.hash <= 1 && slot.key.tag == QOR_EMPTY;
-      if (isDead) continue;
-      look(reinterpret_cast<const data_t&>(slot.key));
-      look(reinterpret_cast<const data_t&>(slot.value));
-    }
+    forEachEntry(table, [this](const data_t& key, const data_t& value) {
+      look(key);
+      look(value);
+    });
   }
   void look(const data_t& value) {
     if (value.tag() == QOR_BORROWED_STRING) _found = true;

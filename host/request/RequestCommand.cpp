@@ -82,7 +82,7 @@ class Printer : public ResponseReceiver {
  public:
   explicit Printer(const RequestOptions& options) : _options(options) {}
 
-  void receive(Message&& response) override {
+  void receive(Message& response) override {
     _answered = true;
     const AnswerStatus status = AnswerReader().statusOf(response);
     _success = status.isSuccess();

@@ -35,6 +35,8 @@ Message answerWith(int id, const std::string& payload = {}) {
   return {data_t(payload), std::move(metadata)};
 }
 
+void deliver(AnswerWriter& writer, Message&& response) { writer.answer(response); }
+
 std::string lineOf(int id, const std::string& payload = {}) {
   return R"({"metadata":{"requestId":)" + std::to_string(id) + R"(},"payload":")" + payload +
          "\"}\n";
@@ -85,11 +87,11 @@ class AnswersToAFile : public AnswerWriterTest {
 
 TEST_F(AnswersToAFile, StandInTheOrderOfTheirDelivery) {
   start();
-  writer.answer(answerWith(1));
+  deliver(writer, answerWith(1));
   writer.invalidLine(7, "no message");
-  writer.answer(answerWith(2));
+  deliver(writer, answerWith(2));
   writer.flushed(data_t("done"));
-  for (int i = 3; i <= 50; ++i) writer.answer(answerWith(i));
+  for (int i = 3; i <= 50; ++i) deliver(writer, answerWith(i));
   finish();
   std::string expected = lineOf(1) + "{\"error\":{\"line\":7,\"text\":\"no message\"}}\n" +
                          lineOf(2) + "{\"control\":\"flushed\",\"id\":\"done\"}\n";
@@ -101,7 +103,7 @@ TEST_F(AnswersToAFile, StandInTheOrderOfTheirDelivery) {
 }
 
 TEST_F(AnswersToAFile, AreAllWrittenWhereTheyWereDeliveredBeforeTheEnd) {
-  for (int i = 1; i <= 8; ++i) writer.answer(answerWith(i, large));
+  for (int i = 1; i <= 8; ++i) deliver(writer, answerWith(i, large));
   writer.close();
   start();
   finish();
@@ -113,7 +115,7 @@ TEST_F(AnswersToAFile, CountTheirLatencyUpToTheDeliveryWheneverTheyAreWritten) {
   const auto begin = std::chrono::steady_clock::now();
   const std::vector<std::uint64_t> keys{AnswerReader().keyOfId(answerWith(1))};
   outstanding.add(1, keys, begin);
-  writer.answer(answerWith(1));
+  deliver(writer, answerWith(1));
   const auto delivered = std::chrono::steady_clock::now();
   start();
   finish();
@@ -124,7 +126,7 @@ TEST_F(AnswersToAFile, CountTheirLatencyUpToTheDeliveryWheneverTheyAreWritten) {
 // As where a disk stands still.
 TEST_F(AnswersToAFile, EndTheWaitOfADeliveryWhenAbandonedAlsoWhileNothingIsWritten) {
   std::thread deliveries([this] {
-    for (int i = 1; i <= 9; ++i) writer.answer(answerWith(i));
+    for (int i = 1; i <= 9; ++i) deliver(writer, answerWith(i));
   });
   untilADeliveryWaits();
   writer.abandon();
@@ -162,14 +164,14 @@ class AnswersToAPipe : public AnswerWriterTest {
 
 TEST_F(AnswersToAPipe, ReachTheReaderWhileMoreIsToCome) {
   for (int i = 1; i <= 3; ++i) {
-    writer.answer(answerWith(i));
+    deliver(writer, answerWith(i));
     EXPECT_EQ(readBytes(lineOf(i).size()), lineOf(i));
   }
 }
 
 TEST_F(AnswersToAPipe, CostDeliveriesNothingUntilTheBoundIsReached) {
   std::thread deliveries([this] {
-    for (int i = 1; i <= 9; ++i) writer.answer(answerWith(i, large));
+    for (int i = 1; i <= 9; ++i) deliver(writer, answerWith(i, large));
   });
   untilADeliveryWaits();
   EXPECT_EQ(writer.answered(), 0U) << "nobody has read";
@@ -182,14 +184,14 @@ TEST_F(AnswersToAPipe, CostDeliveriesNothingUntilTheBoundIsReached) {
 }
 
 TEST_F(AnswersToAPipe, GoOutBeforeALargeOneIsRendered) {
-  writer.answer(answerWith(1));
-  writer.answer(answerWith(2, large));
+  deliver(writer, answerWith(1));
+  deliver(writer, answerWith(2, large));
   waitUntil([this] { return writer.answered() == 1; }, "the small answer");
 }
 
 TEST_F(AnswersToAPipe, AbandonEndsTheWaitOfADeliveryAndOfTheWriter) {
   std::thread deliveries([this] {
-    for (int i = 1; i <= 20; ++i) writer.answer(answerWith(i, large));
+    for (int i = 1; i <= 20; ++i) deliver(writer, answerWith(i, large));
   });
   untilADeliveryWaits();
   writer.abandon();
@@ -201,7 +203,7 @@ TEST_F(AnswersToAPipe, AbandonEndsTheWaitOfADeliveryAndOfTheWriter) {
 
 TEST_F(AnswersToAPipe, AreStillWrittenAfterAbandonWhereTheReaderTakesThem) {
   writer.abandon();
-  writer.answer(answerWith(1));
+  deliver(writer, answerWith(1));
   finish();
   EXPECT_EQ(readBytes(lineOf(1).size()), lineOf(1));
   EXPECT_EQ(writer.answered(), 1U);
@@ -209,15 +211,15 @@ TEST_F(AnswersToAPipe, AreStillWrittenAfterAbandonWhereTheReaderTakesThem) {
 
 TEST_F(AnswersToAPipe, AReaderThatIsGoneIsToldOnceAndEndsTheWaitOfADelivery) {
   ::signal(SIGPIPE, SIG_IGN);
-  writer.answer(answerWith(1));
+  deliver(writer, answerWith(1));
   EXPECT_EQ(readBytes(lineOf(1).size()), lineOf(1));
   std::thread deliveries([this] {
-    for (int i = 2; i <= 20; ++i) writer.answer(answerWith(i, large));
+    for (int i = 2; i <= 20; ++i) deliver(writer, answerWith(i, large));
   });
   untilADeliveryWaits();
   reader = test_support::Descriptor();
   deliveries.join();
-  writer.answer(answerWith(21));
+  deliver(writer, answerWith(21));
   finish();
   EXPECT_EQ(failures, 1);
   EXPECT_THAT(log.failure(), StartsWith("cannot write "));

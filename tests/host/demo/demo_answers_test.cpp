@@ -20,7 +20,10 @@ Message answerTo(int number) {
 class DemoAnswersTest : public testing::Test {
  protected:
   void answer(int first, int last) {
-    for (int number = first; number <= last; ++number) answers.receive(answerTo(number));
+    for (int number = first; number <= last; ++number) {
+      auto answer = answerTo(number);
+      answers.receive(answer);
+    }
   }
 
   HostLog log{QOR_LOG_ERROR, {}};

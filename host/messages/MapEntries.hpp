@@ -8,7 +8,8 @@
 
 namespace host {
 
-// Calls visit(key, value) for each entry, in the order of the slots. `visit` must not change the map.
+// Calls visit(key, value) for each entry, in the order of the slots. `visit` must not change the
+// map.
 template <typename Visit>
 void forEachEntry(qor_underlying_map_table_t* table, Visit&& visit) {
   if (table == nullptr) return;

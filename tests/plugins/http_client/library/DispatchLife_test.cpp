@@ -295,5 +295,53 @@ TEST(Life, EndsWhatAStartBesideItHasBegun) {
   other.join();
 }
 
+TEST(Life, ShutsDownBehindTheBatchesThatAreInside) {
+  EchoServer server;
+  LogDouble unused;
+  Event sending("a batch to be inside");
+  Event shutDown("the transport to be shut down");
+  const ActingLog log([&](std::string_view text) {
+    if (!holds(text, "No concurrencyControlKey")) return;
+    sending.set();
+    EXPECT_FALSE(shutDown.isSetWithin(std::chrono::milliseconds(100)));
+  });
+  PluginOptions options;
+  options.log = &unused;
+  PluginUnderTest plugin{Config(server.port()).numClients(2), options};
+  std::thread sender([&] { EXPECT_EQ(plugin.send(get(1)), 0); });
+  sending.wait();
+  EXPECT_EQ(plugin.shutdown(), 0);
+  shutDown.set();
+  sender.join();
+}
+
+// A start that was under way when everything ended starts nothing any more.
+TEST(Life, RefusesAStartThatAShutdownOvertakes) {
+  EchoServer server;
+  LogDouble unused;
+  Event starting("the start to be under way");
+  Event shutDown("the transport to be shut down");
+  std::atomic<bool> refused{false};
+  const ActingLog log([&](std::string_view text) {
+    if (holds(text, "Exception from start: HTTPClient cannot be started after shutdown")) {
+      refused = true;
+    }
+    if (!holds(text, "Could not enable queue flush notifications")) return;
+    starting.set();
+    shutDown.wait();
+  });
+  PluginOptions options;
+  options.log = &unused;
+  options.start = false;
+  PluginUnderTest plugin{Config(server.port()), options};
+  plugin.host().setEnableResult(1);
+  std::thread other([&] { EXPECT_EQ(plugin.library().start(plugin.instance()), 1); });
+  starting.wait();
+  EXPECT_EQ(plugin.shutdown(), 0);
+  shutDown.set();
+  other.join();
+  EXPECT_TRUE(refused);
+}
+
 }  // namespace
 }  // namespace test_support

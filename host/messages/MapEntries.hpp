@@ -2,6 +2,7 @@
 // iterator that sees each change costs too much.
 #pragma once
 
+#include <cstddef>
 #include <span>
 
 #include "connectivity/data_t.hpp"
@@ -13,7 +14,8 @@ namespace host {
 template <typename Visit>
 void forEachEntry(qor_underlying_map_table_t* table, Visit&& visit) {
   if (table == nullptr) return;
-  for (const auto& slot : std::span(qor_map_entries(table), table->capacity)) {
+  const auto capacity = static_cast<std::size_t>(table->capacity);
+  for (const auto& slot : std::span(qor_map_entries(table), capacity)) {
     const bool isDead = slot.hash <= 1 && slot.key.tag == QOR_EMPTY;
     if (isDead) continue;
     visit(reinterpret_cast<const connectivity::data_t&>(slot.key),

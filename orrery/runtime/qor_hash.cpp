@@ -63,6 +63,7 @@ class TextHash {
     if (drawn == static_cast<ssize_t>(sizeof(_secret))) return;
     // A sandbox may forbid the call. The kernel also gives each program that it starts 16 bytes.
     constexpr std::size_t bytesAtStart = 16;
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): that is how the kernel hands it over
     fillFrom(reinterpret_cast<const void*>(::getauxval(AT_RANDOM)), bytesAtStart);
   }
   void fillFrom(const void* bytes, std::size_t size) noexcept {
